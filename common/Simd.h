@@ -1144,6 +1144,21 @@ ZELK_INLINE uint16_t horizontalMin(ushort8 a) {
 #endif
 }
 
+// Largest of the eight lanes.
+ZELK_INLINE uint16_t horizontalMax(ushort8 a) {
+#if defined(ZELK_NEON)
+    return vmaxvq_u16(a.v);
+#elif defined(ZELK_SSE41)
+    // minpos finds the minimum only; the largest value is the smallest complement.
+    const __m128i inverted = _mm_xor_si128(a.v, _mm_set1_epi16(-1));
+    return uint16_t(0xFFFF ^ _mm_extract_epi16(_mm_minpos_epu16(inverted), 0));
+#else
+    uint16_t m = a.v[0];
+    for (int i = 1; i < 8; ++i) m = a.v[i] > m ? a.v[i] : m;
+    return m;
+#endif
+}
+
 // Two bits per lane (lane i gives bits 2i and 2i+1), set where the lane's top bit is set.
 ZELK_INLINE unsigned byteMask(ushort8 a) {
 #if defined(ZELK_NEON)

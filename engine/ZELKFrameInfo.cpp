@@ -1,0 +1,69 @@
+#include "engine/ZELKFrameInfo.h"
+
+#include "common/Checked.h"
+#include "common/Simd.h"
+
+#include <cstring>
+
+namespace ZELK {
+
+bool indicesInRange(const uint16_t* indices, uint32_t indexCount, uint32_t vertexCount) {
+    if (vertexCount > 0xFFFF) return true; // every 16-bit index fits
+    common::ushort8 largest = common::splatU16(0);
+    uint32_t i = 0;
+    for (; i + 8 <= indexCount; i += 8) largest = common::max(largest, common::loaduU16(indices + i));
+    uint32_t top = common::horizontalMax(largest);
+    for (; i < indexCount; ++i) top = indices[i] > top ? indices[i] : top;
+    return indexCount == 0 || top < vertexCount;
+}
+
+bool ZELKFrameInfo::submitOccluder(const float* vertices, const uint16_t* indices, uint32_t vertexCount,
+                                   uint32_t indexCount, bool rigid, const float* model) {
+    common::OccluderRaw record;
+    record.vertices = vertices;
+    record.vertexCount = vertexCount;
+    record.indices = indices;
+    record.indexCount = indexCount;
+    record.model = model != nullptr ? common::Matrix4x4::fromColumnMajor(model) : common::Matrix4x4::zero();
+    record.rigid = rigid;
+
+    if (rigid) {
+        if (const std::shared_ptr<common::CacheManager> cache = cacheManager.lock()) {
+            if (cache->get(vertices, indices)) {
+                cachedOccluders.push_back(record);
+                return true;
+            }
+        }
+    }
+    if (!indicesInRange(indices, indexCount, vertexCount)) return false;
+    rawOccluders.push_back(record);
+    return true;
+}
+
+bool ZELKFrameInfo::diffFrame() const {
+    if (viewProjection != previousViewProjection) return true;
+    if (cachedOccluders.size() != previousCachedOccluders.size()) return true;
+    for (const common::OccluderRaw& current : cachedOccluders) {
+        bool matched = false;
+        for (const common::OccluderRaw& previous : previousCachedOccluders) {
+            if (current == previous) {
+                matched = true;
+                break;
+            }
+        }
+        if (!matched) return true;
+    }
+    return false;
+}
+
+void ZELKFrameInfo::startFrame(const uint8_t prefix[3], const common::Matrix4x4& newViewProjection) {
+    std::memcpy(frameParamsPrefix, prefix, sizeof(frameParamsPrefix));
+    common::checkedIncrement(frameIndex);
+    previousCachedOccluders.swap(cachedOccluders);
+    cachedOccluders.clear();
+    rawOccluders.clear();
+    previousViewProjection = viewProjection;
+    viewProjection = newViewProjection;
+}
+
+} // namespace ZELK
