@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the build needs, only those missing.
+#   tools/install-deps.sh         everything: tests, sanitizers, aarch64, benchmarks
+#   tools/install-deps.sh demo    just what the demo needs
+set -euo pipefail
+
+packages=(cmake ninja-build g++ make)
+if [ "${1:-all}" != demo ]; then
+  packages+=(libgtest-dev libbenchmark-dev binutils g++-aarch64-linux-gnu qemu-user
+             libboost-graph-dev libassimp-dev assimp-testmodels glmark2-data libmeshoptimizer-dev)
+fi
+
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+sudo=""
+[ "$(id -u)" -ne 0 ] && sudo="sudo"
+echo "installing: ${missing[*]}"
+$sudo apt-get update -qq
+DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
