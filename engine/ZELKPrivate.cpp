@@ -57,6 +57,24 @@ bool ZELKPrivate::submitOccluder(const float* vertices, const uint16_t* indices,
     return frameInfo->submitOccluder(vertices, indices, vertexCount, indexCount, rigidType == RIGID, model);
 }
 
+bool crossesNearPlane(const common::Matrix4x4& viewProjection, float nearPlane, const float* box) {
+    using namespace common;
+    const float4 lo = loadu4(box), hi = loadu4(box + 2); // floats 0..3 and 2..5
+    if (!allTrue(cmpEq(lo - lo, zero4()) & cmpEq(hi - hi, zero4()))) return true; // inf or NaN
+    // Clip w of the eight corners, summed in the order the box test uses.
+    const float4 xs = make4(box[0], box[3], box[0], box[3]);
+    const float4 ys = make4(box[1], box[1], box[4], box[4]);
+    const float4 wx = splatLane<3>(viewProjection.columns[0]), wy = splatLane<3>(viewProjection.columns[1]);
+    const float4 wz = splatLane<3>(viewProjection.columns[2]), w0 = splatLane<3>(viewProjection.columns[3]);
+    const float4 wxy = (w0 + wx * xs) + wy * ys;
+    const float4 wNear = wxy + wz * splat(box[2]);
+    const float4 wFar = wxy + wz * splat(box[5]);
+    // Written as "in front" so that a NaN w or near distance counts as crossing.
+    const float4 nearV = splat(nearPlane);
+    const int4 inFront = cmpGe(wNear, nearV) & cmpGt(wNear, zero4()) & cmpGe(wFar, nearV) & cmpGt(wFar, zero4());
+    return !allTrue(inFront);
+}
+
 void ZELKPrivate::renderOccluders() {}
 
 bool ZELKPrivate::query(const float*, const float*) const { return false; }

@@ -67,4 +67,11 @@ bool combineVisibility(uint32_t plainCount, uint32_t rapidCount, PlainQuery&& pl
     return plainVisible() && rapidVisible();
 }
 
+// True when a box (min x, y, z, max x, y, z) reaches in front of the near
+// distance or to or behind the eye (clip w < nearPlane or w <= 0 at a corner),
+// or has a coordinate that is not finite. The masked buffer's box test
+// projects corners through the eye for such boxes, so the engine counts them
+// visible there instead of asking.
+bool crossesNearPlane(const common::Matrix4x4& viewProjection, float nearPlane, const float* box);
+
 } // namespace ZELK

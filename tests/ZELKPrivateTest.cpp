@@ -146,3 +146,39 @@ TEST(CombineVisibility, AsksTheFullerBufferFirstAndAndsTheAnswers) {
     EXPECT_TRUE(ask(5, 2, true, true));
     EXPECT_TRUE(ask(2, 5, true, true));
 }
+
+TEST(NearPlaneGuard, BoxesReachingTheEyeAreFlagged) {
+    // The host's usual perspective: looking down -z, so clip w = -z.
+    const float vp[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, -1.002f, -1, 0, 0, -0.2002f, 0};
+    const common::Matrix4x4 m = common::Matrix4x4::fromColumnMajor(vp);
+    const float inf = std::numeric_limits<float>::infinity(), nan = std::numeric_limits<float>::quiet_NaN();
+    struct Case {
+        float box[6];
+        float nearPlane;
+        bool crosses;
+    };
+    const Case cases[] = {
+        {{-1, -1, -5, 1, 1, -4}, 0.1f, false},       // w in [4, 5]
+        {{-1, -1, -5, 1, 1, 1}, 0.1f, true},         // reaches behind the eye
+        {{-1, -1, -5, 1, 1, -0.05f}, 0.1f, true},    // in front of the eye, nearer than 0.1
+        {{-1, -1, -5, 1, 1, -0.1f}, 0.1f, false},    // exactly at the near distance
+        {{-1, -1, -5, 1, 1, 0}, 0.0f, true},         // touches the eye: w = 0
+        {{-1, -1, 2, 1, 1, 3}, 0.1f, true},          // wholly behind
+        {{-1e30f, -1, -5, 1e30f, 1, -4}, 0.1f, false}, // huge but in front
+        {{-1, -1, -5, 1, 1, -4}, nan, true},          // no usable near distance
+        {{nan, -1, -5, 1, 1, -4}, 0.1f, true},
+        {{-1, -1, -5, 1, inf, -4}, 0.1f, true},
+        {{-1, -1, -inf, 1, 1, -4}, 0.1f, true},
+    };
+    for (const Case& c : cases)
+        EXPECT_EQ(c.crosses, ZELK::crossesNearPlane(m, c.nearPlane, c.box))
+            << c.box[0] << " " << c.box[2] << " " << c.box[5] << " near " << c.nearPlane;
+
+    // A camera translated along x and looking down +x: w = x - 10.
+    const float side[16] = {0, 0, 0, 1, 0, 1, 0, 0, 1, 0, 0, 0, 0, 0, 0, -10};
+    const common::Matrix4x4 s = common::Matrix4x4::fromColumnMajor(side);
+    const float ahead[6] = {12, -1, -1, 13, 1, 1}, around[6] = {9, -1, -1, 13, 1, 1};
+    EXPECT_FALSE(ZELK::crossesNearPlane(s, 1.0f, ahead));
+    EXPECT_TRUE(ZELK::crossesNearPlane(s, 1.0f, around));
+    EXPECT_TRUE(ZELK::crossesNearPlane(s, 2.5f, ahead)); // w = 2 at the nearer face
+}
