@@ -1,0 +1,920 @@
+#include "util/MaskedOcclusionCulling.h"
+
+#include "common/AlignedAlloc.h"
+#include "common/Checked.h"
+#include "common/Simd.h"
+
+#include <cfloat>
+#include <cstring>
+#include <new>
+#include <utility>
+
+namespace util {
+
+using common::float4;
+using common::int4;
+
+namespace {
+
+struct MaskedTile {
+    float4 referenceDepth;
+    float4 workingDepth;
+    int4 coverageMask;
+};
+static_assert(sizeof(MaskedTile) == 48, "three vectors per tile");
+
+constexpr int kTileWidthShift = 5;
+constexpr int kTileHeightShift = 2;
+constexpr int kRingSize = 32;
+constexpr int kMaxPolygon = 16; // a triangle clipped by five planes has at most 8; slack for rounding noise
+
+// Edge events are 15.17 fixed point: the integer part is a pixel column, the
+// 17 fraction bits hold the exact remainder of the edge's rational crossing
+// (denominator 2*dy <= 2^14), so stepping them row by row never drifts.
+constexpr int kEventFracBits = 17;
+constexpr int32_t kEventFracMask = (1 << kEventFracBits) - 1;
+// Snapped vertices must lie within +-kCoordLimit pixels: it keeps every event
+// of the rows an edge spans within 15 integer bits. Larger triangles (only
+// possible when guard-band clipping is off) are not drawn, which can only
+// leave things visible.
+constexpr float kCoordLimit = 4096.0f;
+// Events of rows an edge does not span: beyond any screen in either direction.
+constexpr int32_t kEventFar = int32_t(1) << 30;
+constexpr float kDepthLimit = 1e30f;
+
+struct ClippedTriangle {
+    float4 v[3]; // (x, y, w, 1)
+};
+
+ZELK_INLINE int4 allOnes() {
+    static const int4 kOnes = common::splatInt(-1);
+    return kOnes;
+}
+
+// Lane-wise floor(num / den) and num - floor * den for 0 < den < 2^15 and
+// |num / den| < 2^20: the float quotient is within one of the floor, and the
+// integer remainder corrects it.
+ZELK_INLINE void floorDivMod(int4 num, int4 den, int4& quotient, int4& remainder) {
+    int4 q = common::truncToInt(common::toFloat(num) / common::toFloat(den));
+    int4 r = num - q * den;
+    const int4 low = common::cmpLt(r, common::splatInt(0));
+    q = q + low; // -1 where low
+    r = r + (den & low);
+    const int4 high = common::cmpGe(r, den);
+    q = q - high;
+    r = r - (den & high);
+    quotient = q;
+    remainder = r;
+}
+
+ZELK_INLINE int4 swapPairs64(int4 a) { return common::asInt(common::swizzle<2, 3, 0, 1>(common::asFloat(a))); }
+ZELK_INLINE int4 swapPairs32(int4 a) { return common::asInt(common::swizzle<1, 0, 3, 2>(common::asFloat(a))); }
+
+ZELK_INLINE int32_t horizontalMinInt(int4 a) {
+    const int4 m = common::min(a, swapPairs64(a));
+    return common::lane<0>(common::min(m, swapPairs32(m)));
+}
+
+ZELK_INLINE int32_t horizontalMaxInt(int4 a) {
+    const int4 m = common::max(a, swapPairs64(a));
+    return common::lane<0>(common::max(m, swapPairs32(m)));
+}
+
+// 4x4 byte transpose: byte s of lane r moves to byte r of lane s. Turns four
+// 32-pixel rows into four 8x4 subtile masks (bit 8*y + x).
+ZELK_INLINE int4 transposeBytes(int4 rows) {
+    static const int4 kKeepHalves = common::makeInt4(0x0000FFFF, 0x0000FFFF, int32_t(0xFFFF0000), int32_t(0xFFFF0000));
+    static const int4 kLowPair = common::makeInt4(-1, -1, 0, 0);
+    static const int4 kKeepBytes = common::makeInt4(0x00FF00FF, int32_t(0xFF00FF00), 0x00FF00FF, int32_t(0xFF00FF00));
+    static const int4 kEvenLane = common::makeInt4(-1, 0, -1, 0);
+    // 2x2 blocks of 16-bit halves between lanes (0,1) and (2,3).
+    const int4 t = swapPairs64(rows);
+    const int4 movedHalves =
+        common::select(kLowPair, common::shiftLeft<16>(t), common::shiftRightLogical<16>(t));
+    const int4 halves = (rows & kKeepHalves) | movedHalves;
+    // Then single bytes between neighbouring lanes.
+    const int4 u = swapPairs32(halves);
+    const int4 movedBytes = common::andNot(
+        common::select(kEvenLane, common::shiftLeft<8>(u), common::shiftRightLogical<8>(u)), kKeepBytes);
+    return (halves & kKeepBytes) | movedBytes;
+}
+
+// The masked layer update for one tile: a new layer zTri (per subtile, its
+// farthest depth) with coverage cov folds into the finished layer (ref) and
+// the working layer (work, mask). Shared by triangles and buffer merges.
+ZELK_INLINE void updateLayers(MaskedTile& tile, float4 zTri, int4 cov) {
+    static const float4 kFarWork = common::splat(FLT_MAX);
+    const int4 zero = common::splatInt(0);
+    const float4 ref = tile.referenceDepth;
+    const float4 work = tile.workingDepth;
+    const int4 mask = tile.coverageMask;
+
+    const int4 dead = common::shiftRightArithmetic<31>(common::asInt(zTri - ref)) | common::cmpEq(cov, zero);
+    const int4 covEff = common::andNot(cov, dead);
+    const float4 h = common::splat(2.0f) * work - (zTri + ref);
+    const int4 discard = common::cmpLt(h, common::zero4()) | common::cmpEq(covEff, allOnes());
+    const int4 discardLive = common::andNot(discard, dead);
+    const int4 newMask = common::andNot(mask, discardLive) | covEff;
+    const float4 a = common::select(dead, work, zTri);
+    const float4 b = common::select(discardLive, zTri, work);
+    const float4 newWork = common::min(a, b);
+    const int4 full = common::cmpEq(newMask, allOnes());
+    tile.referenceDepth = common::select(full, newWork, ref);
+    tile.workingDepth = common::select(full, kFarWork, newWork);
+    tile.coverageMask = common::andNot(newMask, full);
+}
+
+// One triangle edge, walked down the tile rows it spans.
+struct Edge {
+    int32_t yTop, yBottom; // pixel rows [yTop, yBottom) whose centres it spans
+    int32_t baseNumerator; // numerator of the event at row 0, less 2*dx*row
+    int32_t twiceDx, denominator;
+    int4 event;            // rows of the current tile row
+    int4 step;             // four rows
+    int4 outside;          // event used for rows it does not span
+};
+
+ZELK_INLINE void setupEdge(Edge& e, int32_t ux, int32_t uy, int32_t lx, int32_t ly, int32_t outside) {
+    // Pixel i of row j is right of the edge when i >= ceil(t), with t the
+    // crossing at the row centre less half a pixel:
+    //   t = ((2ux - 1) dy + (2j + 1 - 2uy) dx) / (2 dy);
+    // ceil(n / d) = floor((n + d - 1) / d). The same column is the first
+    // covered one of a left edge (centres on it count) and the end of the
+    // span of a right edge (centres on it do not).
+    const int32_t dx = lx - ux, dy = ly - uy;
+    e.yTop = uy;
+    e.yBottom = ly;
+    e.denominator = 2 * dy;
+    e.twiceDx = 2 * dx;
+    e.baseNumerator = (2 * ux - 1) * dy + (1 - 2 * uy) * dx + e.denominator - 1;
+    e.outside = common::splatInt(outside);
+    e.event = e.outside;
+    e.step = common::splatInt(0);
+    if (dy > 0) {
+        int4 q, r;
+        floorDivMod(common::splatInt(8 * dx), common::splatInt(e.denominator), q, r);
+        e.step = common::shiftLeft<kEventFracBits>(q) + r;
+    }
+}
+
+ZELK_INLINE void startEdge(Edge& e, int32_t firstRow) {
+    static const int4 kRowLanes = common::makeInt4(0, 1, 2, 3);
+    const int4 rows = common::splatInt(firstRow) + kRowLanes;
+    int4 q, r;
+    floorDivMod(common::splatInt(e.baseNumerator) + rows * common::splatInt(e.twiceDx),
+                common::splatInt(e.denominator), q, r);
+    e.event = common::shiftLeft<kEventFracBits>(q) + r;
+}
+
+ZELK_INLINE void advanceEdge(Edge& e) {
+    // The remainders stay below 2 * denominator <= 2^15, so the fraction
+    // field never carries on its own; wrapping in rows far outside the edge
+    // is harmless because those rows are replaced by e.outside.
+    const int4 ev = e.event + e.step;
+    const int4 frac = ev & common::splatInt(kEventFracMask);
+    const int4 carry = common::cmpGe(frac, common::splatInt(e.denominator));
+    e.event = ev + (carry & common::splatInt((1 << kEventFracBits) - e.denominator));
+}
+
+ZELK_INLINE int4 rowEvent(const Edge& e, int4 rows) {
+    const int4 inside = common::andNot(common::cmpGt(common::splatInt(e.yBottom), rows),
+                                       common::cmpGt(common::splatInt(e.yTop), rows));
+    return common::select(inside, e.event, e.outside);
+}
+
+class MaskedOcclusionCullingPrivate final : public MaskedOcclusionCulling {
+public:
+    MaskedOcclusionCullingPrivate(void* (*alloc)(size_t, size_t), void (*release)(void*))
+        : allocCallback(alloc), freeCallback(release) {
+        const float4 zero = common::zero4();
+        halfWidth = halfHeight = centerX = centerY = zero;
+        rectHalfSize = rectCenter = zero;
+        screenMax = common::splatInt(-1);
+        nearDist = 0.0f;
+        width = height = 0;
+        tilesWidth = tilesHeight = 0;
+        modelViewProjection = common::Matrix4x4::zero();
+        tileBuffer = nullptr;
+        fullscreenScissor = {0, 0, 0, 0};
+        clipPlanes[0] = common::make4(0.0f, 0.0f, 1.0f, 0.0f);
+        setSidePlanes(0.0f, 0.0f);
+    }
+
+    ~MaskedOcclusionCullingPrivate() override {
+        if (tileBuffer != nullptr) freeCallback(tileBuffer);
+        if (transformed != nullptr) freeCallback(transformed);
+    }
+
+    void SetResolution(unsigned w, unsigned h) override;
+    void GetResolution(unsigned& w, unsigned& h) const override {
+        w = width;
+        h = height;
+    }
+    void SetModelViewProjection(const common::Matrix4x4& matrix) override { modelViewProjection = matrix; }
+    void SetNearClipPlane(float nearDistance) override {
+        nearDist = nearDistance;
+        clipPlanes[0] = common::make4(0.0f, 0.0f, 1.0f, -nearDistance);
+    }
+    float GetNearClipPlane() const override { return nearDist; }
+    void ClearBuffer() override;
+    void MergeBuffer(MaskedOcclusionCulling* other) override;
+    int RenderTriangles(const float* vertices, const uint16_t* triangles, int triangleCount, const float* modelToClip,
+                        BackfaceWinding winding, ClipPlanes clipPlaneMask, const VertexLayout& layout) override;
+    int RenderTriangles(const float* vertices, const uint16_t* indices, int vertexCount, int triangleCount) override;
+    int TestRect(float xmin, float ymin, float xmax, float ymax, float wmin) const override;
+    bool Query(const float* boundsMin, const float* boundsMax) override;
+
+    bool readTile(int tileX, int tileY, TileData& out) const;
+    void (*releaseCallback() const)(void*) { return freeCallback; }
+
+private:
+    void setSidePlanes(float w, float h) {
+        const float gx = 2.0f / w, gy = 2.0f / h;
+        clipPlanes[1] = common::make4(1.0f - gx, 0.0f, 1.0f, 0.0f);
+        clipPlanes[2] = common::make4(gx - 1.0f, 0.0f, 1.0f, 0.0f);
+        clipPlanes[3] = common::make4(0.0f, 1.0f - gy, 1.0f, 0.0f);
+        clipPlanes[4] = common::make4(0.0f, gy - 1.0f, 1.0f, 0.0f);
+    }
+
+    int ClipTriangleAndAddToBuffer(float4 vX[3], float4 vY[3], float4 vW[3], ClippedTriangle* ring, int& writeIndex,
+                                   unsigned& laneMask, unsigned clipLanes, ClipPlanes clipPlaneMask) const;
+    int projectAndRasterize(float4 vX[3], float4 vY[3], float4 vW[3], unsigned laneMask, BackfaceWinding winding);
+    template <bool TestZ>
+    int RasterizeTriangleBatch(float4 pVtxX[3], float4 pVtxY[3], float4 pVtxZ[3], unsigned laneMask,
+                               const ScissorRect& scissor);
+    void rasterizeTriangle(const float* xs, const float* ys, const float* zs, float zx, float zy, int32_t bbMinX,
+                           int32_t bbMaxX, int32_t bbMinY, int32_t bbMaxY);
+    template <int TestZ, int NRight, int NLeft>
+    int TraverseScanline(int first, int end, int rowBase, int rightIdx, int leftIdx, const int4* events,
+                         const float4& zTriMin, const float4& zTriMax, const float4& iz0, float zx);
+    void reserveTransformed(size_t vertexCount);
+
+    void* (*allocCallback)(size_t alignment, size_t size);
+    void (*freeCallback)(void*);
+    float4 halfWidth;
+    float4 halfHeight;
+    float4 centerX;
+    float4 centerY;
+    float4 clipPlanes[5];
+    float4 rectHalfSize;
+    float4 rectCenter;
+    int4 screenMax;
+    float nearDist;
+    unsigned width, height;
+    int32_t tilesWidth, tilesHeight;
+    common::Matrix4x4 modelViewProjection;
+    MaskedTile* tileBuffer;
+    ScissorRect fullscreenScissor;
+    // Object-space vertices of the four-argument RenderTriangles, transformed;
+    // grows to the largest mesh seen and is reused.
+    float* transformed = nullptr;
+    size_t transformedCapacity = 0; // vertices
+};
+
+void MaskedOcclusionCullingPrivate::SetResolution(unsigned w, unsigned h) {
+    if (tileBuffer != nullptr) freeCallback(tileBuffer);
+    tileBuffer = nullptr;
+    width = w;
+    height = h;
+    const unsigned paddedWidth = common::checkedAdd(w, 31u) & ~31u;
+    const unsigned paddedHeight = common::checkedAdd(h, 3u) & ~3u;
+    tilesWidth = common::checkedCast<int32_t>(paddedWidth >> kTileWidthShift);
+    tilesHeight = common::checkedCast<int32_t>(paddedHeight >> kTileHeightShift);
+
+    const float fw = float(int32_t(w)), fh = float(int32_t(h));
+    halfWidth = common::splat(fw * 0.5f);
+    halfHeight = common::splat(float(-int32_t(h)) * 0.5f);
+    centerX = common::splat(fw * 0.5f);
+    centerY = common::splat(fh * 0.5f);
+    rectHalfSize = common::make4(fw * 0.5f, fw * 0.5f, -fh * 0.5f, -fh * 0.5f);
+    rectCenter = common::make4(fw * 0.5f, fw * 0.5f, fh * 0.5f, fh * 0.5f);
+    screenMax = common::makeInt4(int32_t(w - 1), int32_t(w - 1), int32_t(h - 1), int32_t(h - 1));
+    fullscreenScissor = {0, 0, common::checkedCast<int32_t>(paddedWidth), common::checkedCast<int32_t>(paddedHeight)};
+    setSidePlanes(fw, fh);
+
+    const size_t tiles = common::checkedMul(size_t(tilesWidth), size_t(tilesHeight));
+    if (tiles < 1) return;
+    tileBuffer = static_cast<MaskedTile*>(allocCallback(64, common::checkedMul(tiles, sizeof(MaskedTile))));
+}
+
+void MaskedOcclusionCullingPrivate::ClearBuffer() {
+    if (tileBuffer == nullptr) return;
+    const float4 ref = common::splat(-1.0f);
+    const float4 work = common::splat(FLT_MAX);
+    const int4 mask = common::splatInt(0);
+    const size_t tiles = size_t(tilesWidth) * size_t(tilesHeight);
+    for (size_t i = 0; i < tiles; ++i) {
+        tileBuffer[i].referenceDepth = ref;
+        tileBuffer[i].workingDepth = work;
+        tileBuffer[i].coverageMask = mask;
+    }
+}
+
+void MaskedOcclusionCullingPrivate::MergeBuffer(MaskedOcclusionCulling* other) {
+    auto* source = dynamic_cast<MaskedOcclusionCullingPrivate*>(other);
+    if (source == nullptr) common::fatal();
+    if (tileBuffer == nullptr || source->tileBuffer == nullptr) return;
+    // Sizes are the caller's promise; never read past the other buffer anyway.
+    const size_t ours = size_t(tilesWidth) * size_t(tilesHeight);
+    const size_t theirs = size_t(source->tilesWidth) * size_t(source->tilesHeight);
+    const size_t tiles = ours < theirs ? ours : theirs;
+    const int4 zero = common::splatInt(0);
+    for (size_t i = 0; i < tiles; ++i) {
+        MaskedTile& a = tileBuffer[i];
+        const MaskedTile& b = source->tileBuffer[i];
+        if (!common::allTrue(common::asInt(b.referenceDepth))) {
+            a.referenceDepth = common::max(a.referenceDepth, b.referenceDepth);
+            const int4 behind = common::cmpLt(a.workingDepth - a.referenceDepth, common::zero4());
+            a.coverageMask = common::andNot(a.coverageMask, behind);
+        }
+        if (common::allTrue(common::cmpEq(b.coverageMask, zero))) continue;
+        // The other buffer's working layer acts as one more triangle.
+        updateLayers(a, b.workingDepth, b.coverageMask);
+    }
+}
+
+bool MaskedOcclusionCullingPrivate::readTile(int tileX, int tileY, TileData& out) const {
+    if (tileBuffer == nullptr || tileX < 0 || tileY < 0 || tileX >= tilesWidth || tileY >= tilesHeight) return false;
+    const MaskedTile& t = tileBuffer[size_t(tileY) * size_t(tilesWidth) + size_t(tileX)];
+    common::storeu4(out.referenceDepth, t.referenceDepth);
+    common::storeu4(out.workingDepth, t.workingDepth);
+    int32_t mask[4];
+    common::storeuInt4(mask, t.coverageMask);
+    for (int i = 0; i < 4; ++i) out.coverageMask[i] = uint32_t(mask[i]);
+    return true;
+}
+
+// ---------------------------------------------------------------- triangle set-up and clipping
+
+int MaskedOcclusionCullingPrivate::ClipTriangleAndAddToBuffer(float4 vX[3], float4 vY[3], float4 vW[3],
+                                                              ClippedTriangle* ring, int& writeIndex,
+                                                              unsigned& laneMask, unsigned clipLanes,
+                                                              ClipPlanes clipPlaneMask) const {
+    if (clipLanes == 0) return 0;
+    const float4 zero = common::zero4();
+    unsigned straddle[5] = {0, 0, 0, 0, 0};
+    for (int p = 0; p < 5; ++p) {
+        if ((unsigned(clipPlaneMask) & (1u << p)) == 0) continue;
+        float4 d[3];
+        for (int k = 0; k < 3; ++k) {
+            switch (p) {
+            case 0: d[k] = vW[k] - common::splat(nearDist); break;
+            case 1: d[k] = vW[k] + vX[k]; break;
+            case 2: d[k] = vW[k] - vX[k]; break;
+            case 3: d[k] = vW[k] + vY[k]; break;
+            default: d[k] = vW[k] - vY[k]; break;
+            }
+        }
+        const unsigned n0 = common::signMask(common::cmpLt(d[0], zero));
+        const unsigned n1 = common::signMask(common::cmpLt(d[1], zero));
+        const unsigned n2 = common::signMask(common::cmpLt(d[2], zero));
+        const unsigned outside = n0 & n1 & n2;
+        const unsigned inside = ~(n0 | n1 | n2) & 0xFu;
+        laneMask &= ~outside;
+        straddle[p] = ~(outside | inside) & 0xFu;
+    }
+    const unsigned active = laneMask & clipLanes;
+    if (active == 0) {
+        laneMask = 0;
+        return 0;
+    }
+    if (((straddle[0] | straddle[1] | straddle[2] | straddle[3] | straddle[4]) & active) == 0) return 0;
+
+    alignas(16) float xs[3][4], ys[3][4], ws[3][4];
+    for (int k = 0; k < 3; ++k) {
+        common::store4(xs[k], vX[k]);
+        common::store4(ys[k], vY[k]);
+        common::store4(ws[k], vW[k]);
+    }
+    int emitted = 0;
+    for (int lane = 0; lane < 4; ++lane) {
+        if ((active & (1u << lane)) == 0) continue;
+        float4 polygons[2][kMaxPolygon];
+        float4* in = polygons[0];
+        float4* out = polygons[1];
+        int n = 3;
+        for (int k = 0; k < 3; ++k) in[k] = common::make4(xs[k][lane], ys[k][lane], ws[k][lane], 1.0f);
+        for (int p = 0; p < 5 && n >= 1; ++p) {
+            if ((unsigned(clipPlaneMask) & (1u << p)) == 0 || (straddle[p] & (1u << lane)) == 0) continue;
+            // The plane's constant term is left out on purpose (the near
+            // plane clips at w = 0; lanes were classified against w = near).
+            const float4 plane = clipPlanes[p];
+            int m = 0;
+            float4 prev = in[n - 1];
+            float dPrev = common::dot3(prev, plane);
+            for (int i = 0; i < n; ++i) {
+                const float4 cur = in[i];
+                const float dCur = common::dot3(cur, plane);
+                const bool prevIn = dPrev >= 0.0f, curIn = dCur >= 0.0f;
+                if (prevIn && m < kMaxPolygon) out[m++] = prev;
+                if (prevIn != curIn && m < kMaxPolygon) {
+                    const float4 inV = prevIn ? prev : cur, outV = prevIn ? cur : prev;
+                    const float dIn = prevIn ? dPrev : dCur, dOut = prevIn ? dCur : dPrev;
+                    const float t = dIn / (dIn - dOut);
+                    out[m++] = common::fmadd(outV - inV, common::splat(t), inV);
+                }
+                prev = cur;
+                dPrev = dCur;
+            }
+            float4* swap = in;
+            in = out;
+            out = swap;
+            n = m;
+        }
+        if (n < 3) continue;
+        for (int k = 2; k < n; ++k) {
+            ClippedTriangle& tri = ring[writeIndex];
+            tri.v[0] = in[0];
+            tri.v[1] = in[k - 1];
+            tri.v[2] = in[k];
+            writeIndex = (writeIndex + 1) & (kRingSize - 1);
+            ++emitted;
+        }
+    }
+    laneMask = 0;
+    return emitted;
+}
+
+int MaskedOcclusionCullingPrivate::projectAndRasterize(float4 vX[3], float4 vY[3], float4 vW[3], unsigned laneMask,
+                                                       BackfaceWinding winding) {
+    float4 sx[3], sy[3], sz[3];
+    for (int k = 0; k < 3; ++k) {
+        const float4 r = common::rcp(vW[k]);
+        sx[k] = common::roundNearest(centerX + (vX[k] * halfWidth) * r);
+        sy[k] = common::roundNearest(centerY + (vY[k] * halfHeight) * r);
+        sz[k] = r;
+    }
+    const float4 area = (sx[1] - sx[2]) * (sy[0] - sy[2]) - (sx[2] - sx[0]) * (sy[2] - sy[1]);
+    const int4 positive = common::cmpGt(area, common::zero4());
+    if ((unsigned(winding) & 1u) == 0) {
+        // One orientation for everything that is drawn.
+        const float4 x1 = sx[1], y1 = sy[1], z1 = sz[1];
+        sx[1] = common::select(positive, sx[2], x1);
+        sy[1] = common::select(positive, sy[2], y1);
+        sz[1] = common::select(positive, sz[2], z1);
+        sx[2] = common::select(positive, x1, sx[2]);
+        sy[2] = common::select(positive, y1, sy[2]);
+        sz[2] = common::select(positive, z1, sz[2]);
+    }
+    const unsigned positiveBits = common::signMask(positive);
+    if (unsigned(winding) & 2u) laneMask &= ~positiveBits;
+    if (unsigned(winding) & 1u) laneMask &= positiveBits;
+    if (laneMask == 0) return OutsideView;
+    return RasterizeTriangleBatch<false>(sx, sy, sz, laneMask, fullscreenScissor);
+}
+
+int MaskedOcclusionCullingPrivate::RenderTriangles(const float* vertices, const uint16_t* triangles,
+                                                   int triangleCount, const float* modelToClip,
+                                                   BackfaceWinding winding, ClipPlanes clipPlaneMask,
+                                                   const VertexLayout& layout) {
+    const bool packed = layout.stride == 16 && layout.offsetY == 4 && layout.offsetW == 12;
+    if (triangleCount < 1 || vertices == nullptr || triangles == nullptr) return OutsideView;
+
+    int result = OutsideView;
+    ClippedTriangle ring[kRingSize];
+    int writeIndex = 0;
+    for (int first = 0; first < triangleCount; first += 4) {
+        const int count = triangleCount - first < 4 ? triangleCount - first : 4;
+        const uint16_t* batch = triangles + size_t(first) * 3;
+        float4 vX[3], vY[3], vW[3];
+        if (packed) {
+            for (int k = 0; k < 3; ++k) {
+                // Absent lanes repeat lane 0; they are masked off below.
+                float4 rows[4];
+                for (int lane = 0; lane < 4; ++lane) {
+                    const size_t index = batch[(lane < count ? lane : 0) * 3 + k];
+                    rows[lane] = common::loadu4(vertices + index * 4);
+                }
+                common::transpose(rows[0], rows[1], rows[2], rows[3]);
+                vX[k] = rows[0];
+                vY[k] = rows[1];
+                vW[k] = rows[3];
+            }
+        } else {
+            for (int k = 0; k < 3; ++k) vX[k] = vY[k] = vW[k] = common::zero4();
+            GatherVertices(vX, vY, vW, vertices, batch, count, layout);
+        }
+        if (modelToClip != nullptr) {
+            const float* c = modelToClip;
+            for (int k = 0; k < 3; ++k) {
+                const float4 x = vX[k], y = vY[k], w = vW[k];
+                vX[k] = (x * common::splat(c[0]) + y * common::splat(c[4])) + w * common::splat(c[12]);
+                vY[k] = (x * common::splat(c[1]) + y * common::splat(c[5])) + w * common::splat(c[13]);
+                vW[k] = (x * common::splat(c[3]) + y * common::splat(c[7])) + w * common::splat(c[15]);
+            }
+        }
+        unsigned laneMask = (1u << count) - 1u;
+        int clipped = 0;
+        if ((unsigned(clipPlaneMask) & unsigned(ClipAll)) != 0) {
+            clipped = ClipTriangleAndAddToBuffer(vX, vY, vW, ring, writeIndex, laneMask, laneMask, clipPlaneMask);
+        }
+        if (laneMask != 0) result &= projectAndRasterize(vX, vY, vW, laneMask, winding);
+
+        // Drain what clipping produced; a ring overrun (only with degenerate
+        // rounding) loses the oldest triangles, which only leaves things visible.
+        if (clipped > kRingSize) clipped = kRingSize;
+        int readIndex = (writeIndex - clipped) & (kRingSize - 1);
+        while (clipped > 0) {
+            const int n = clipped < 4 ? clipped : 4;
+            for (int k = 0; k < 3; ++k) {
+                float4 rows[4];
+                for (int lane = 0; lane < 4; ++lane) rows[lane] = ring[(readIndex + (lane < n ? lane : 0)) & 31].v[k];
+                common::transpose(rows[0], rows[1], rows[2], rows[3]);
+                vX[k] = rows[0];
+                vY[k] = rows[1];
+                vW[k] = rows[2];
+            }
+            result &= projectAndRasterize(vX, vY, vW, (1u << n) - 1u, winding);
+            readIndex = (readIndex + n) & (kRingSize - 1);
+            clipped -= n;
+        }
+    }
+    return result;
+}
+
+void MaskedOcclusionCullingPrivate::reserveTransformed(size_t vertexCount) {
+    if (vertexCount <= transformedCapacity) return;
+    size_t capacity = transformedCapacity < 256 ? 256 : common::checkedMul(transformedCapacity, size_t(2));
+    if (capacity < vertexCount) capacity = vertexCount;
+    void* block = allocCallback(64, common::checkedMul(capacity, 4 * sizeof(float)));
+    if (transformed != nullptr) freeCallback(transformed);
+    transformed = static_cast<float*>(block);
+    transformedCapacity = capacity;
+}
+
+int MaskedOcclusionCullingPrivate::RenderTriangles(const float* vertices, const uint16_t* indices, int vertexCount,
+                                                   int triangleCount) {
+    if (vertices == nullptr || indices == nullptr || triangleCount < 1) return OutsideView;
+    const size_t count = vertexCount > 0 ? size_t(vertexCount) : 0;
+    const size_t indexCount = common::checkedMul(size_t(triangleCount), size_t(3));
+    // Indices past the vertex count read zero vertices (w = 0, never drawn)
+    // instead of memory beyond the buffer.
+    uint16_t maxIndex = 0;
+    for (size_t i = 0; i < indexCount; ++i) maxIndex = indices[i] > maxIndex ? indices[i] : maxIndex;
+    const size_t needed = count > size_t(maxIndex) ? count : size_t(maxIndex) + 1;
+    reserveTransformed(needed);
+
+    const float4 c0 = modelViewProjection.columns[0], c1 = modelViewProjection.columns[1];
+    const float4 c2 = modelViewProjection.columns[2], c3 = modelViewProjection.columns[3];
+    for (size_t i = 0; i < count; ++i) {
+        const float* p = vertices + 3 * i;
+        const float4 clip =
+            (common::splat(p[0]) * c0 + common::splat(p[1]) * c1) + (c3 + common::splat(p[2]) * c2);
+        common::store4(transformed + 4 * i, clip);
+    }
+    if (needed > count) std::memset(transformed + 4 * count, 0, (needed - count) * 4 * sizeof(float));
+
+    static const VertexLayout kPacked = {16, 4, 12};
+    return RenderTriangles(transformed, indices, triangleCount, nullptr, WindingKeepPositive, ClipAll, kPacked);
+}
+
+// ---------------------------------------------------------------- rasterization
+
+template <bool TestZ>
+int MaskedOcclusionCullingPrivate::RasterizeTriangleBatch(float4 pVtxX[3], float4 pVtxY[3], float4 pVtxZ[3],
+                                                          unsigned laneMask, const ScissorRect& scissor) {
+    static_assert(!TestZ, "only the writing form is used");
+    static const int4 kTileMaskX = common::splatInt(~31);
+    static const int4 kTileMaskY = common::splatInt(~3);
+
+    const float4 fMinX = common::min(common::min(pVtxX[0], pVtxX[1]), pVtxX[2]);
+    const float4 fMaxX = common::max(common::max(pVtxX[0], pVtxX[1]), pVtxX[2]);
+    const float4 fMinY = common::min(common::min(pVtxY[0], pVtxY[1]), pVtxY[2]);
+    const float4 fMaxY = common::max(common::max(pVtxY[0], pVtxY[1]), pVtxY[2]);
+    const int4 bbMinX = common::max(common::truncToInt(fMinX) & kTileMaskX, common::splatInt(scissor.minX));
+    const int4 bbMaxX =
+        common::min((common::truncToInt(fMaxX) + common::splatInt(32)) & kTileMaskX, common::splatInt(scissor.maxX));
+    const int4 bbMinY = common::max(common::truncToInt(fMinY) & kTileMaskY, common::splatInt(scissor.minY));
+    const int4 bbMaxY =
+        common::min((common::truncToInt(fMaxY) + common::splatInt(4)) & kTileMaskY, common::splatInt(scissor.maxY));
+    const int4 columns =
+        common::shiftRightArithmetic<kTileWidthShift>(bbMaxX) - common::shiftRightArithmetic<kTileWidthShift>(bbMinX);
+    const int4 rows =
+        common::shiftRightArithmetic<kTileHeightShift>(bbMaxY) - common::shiftRightArithmetic<kTileHeightShift>(bbMinY);
+    const int4 zero = common::splatInt(0);
+    laneMask &= common::signMask(common::cmpGt(columns, zero) & common::cmpGt(rows, zero));
+    if (laneMask == 0) return OutsideView;
+
+    // Lanes that can be drawn exactly: finite, in range, finite depth.
+    const float4 limit = common::splat(kCoordLimit);
+    const float4 depthLimit = common::splat(kDepthLimit);
+    int4 drawable = common::splatInt(-1);
+    for (int k = 0; k < 3; ++k) {
+        drawable = drawable & common::cmpLe(common::abs(pVtxX[k]), limit) & common::cmpLe(common::abs(pVtxY[k]), limit) &
+                   common::cmpLe(common::abs(pVtxZ[k]), depthLimit);
+    }
+    const unsigned drawMask = laneMask & common::signMask(drawable);
+    if (drawMask == 0) return Visible;
+
+    // Depth planes of the four triangles: z = z0 + zx (x - x0) + zy (y - y0).
+    const float4 dx1 = pVtxX[1] - pVtxX[0], dy1 = pVtxY[1] - pVtxY[0];
+    const float4 dx2 = pVtxX[2] - pVtxX[0], dy2 = pVtxY[2] - pVtxY[0];
+    const float4 dz1 = pVtxZ[1] - pVtxZ[0], dz2 = pVtxZ[2] - pVtxZ[0];
+    const float4 det = dx1 * dy2 - dx2 * dy1;
+    float4 zx = (dz1 * dy2 - dz2 * dy1) / det;
+    float4 zy = (dx1 * dz2 - dx2 * dz1) / det;
+    // A plane too steep to evaluate safely falls back to the triangle's
+    // farthest depth everywhere, which is conservative.
+    const int4 steep = ~(common::cmpLe(common::abs(zx), depthLimit) & common::cmpLe(common::abs(zy), depthLimit));
+    zx = common::select(steep, common::zero4(), zx);
+    zy = common::select(steep, common::zero4(), zy);
+
+    alignas(16) float xs[3][4], ys[3][4], zs[3][4], zxs[4], zys[4];
+    alignas(16) int32_t minXs[4], maxXs[4], minYs[4], maxYs[4], steeps[4];
+    for (int k = 0; k < 3; ++k) {
+        common::store4(xs[k], pVtxX[k]);
+        common::store4(ys[k], pVtxY[k]);
+        common::store4(zs[k], pVtxZ[k]);
+    }
+    common::store4(zxs, zx);
+    common::store4(zys, zy);
+    common::storeInt4(minXs, bbMinX);
+    common::storeInt4(maxXs, bbMaxX);
+    common::storeInt4(minYs, bbMinY);
+    common::storeInt4(maxYs, bbMaxY);
+    common::storeInt4(steeps, steep);
+
+    for (int lane = 0; lane < 4; ++lane) {
+        if ((drawMask & (1u << lane)) == 0) continue;
+        float x[3] = {xs[0][lane], xs[1][lane], xs[2][lane]};
+        float y[3] = {ys[0][lane], ys[1][lane], ys[2][lane]};
+        float z[3] = {zs[0][lane], zs[1][lane], zs[2][lane]};
+        if (steeps[lane]) {
+            const float zMin = z[0] < z[1] ? (z[0] < z[2] ? z[0] : z[2]) : (z[1] < z[2] ? z[1] : z[2]);
+            z[0] = z[1] = z[2] = zMin;
+        }
+        rasterizeTriangle(x, y, z, zxs[lane], zys[lane], minXs[lane], maxXs[lane], minYs[lane], maxYs[lane]);
+    }
+    return Visible;
+}
+
+void MaskedOcclusionCullingPrivate::rasterizeTriangle(const float* xs, const float* ys, const float* zs, float zx,
+                                                      float zy, int32_t bbMinX, int32_t bbMaxX, int32_t bbMinY,
+                                                      int32_t bbMaxY) {
+    // Sort by y: a on top, c at the bottom.
+    int ia = 0, ib = 1, ic = 2;
+    if (ys[ib] < ys[ia]) std::swap(ia, ib);
+    if (ys[ic] < ys[ib]) std::swap(ib, ic);
+    if (ys[ib] < ys[ia]) std::swap(ia, ib);
+    const int32_t ax = int32_t(xs[ia]), ay = int32_t(ys[ia]);
+    const int32_t bx = int32_t(xs[ib]), by = int32_t(ys[ib]);
+    const int32_t cx = int32_t(xs[ic]), cy = int32_t(ys[ic]);
+    const int64_t cross = int64_t(bx - ax) * (cy - ay) - int64_t(by - ay) * (cx - ax);
+    if (cross == 0) return; // no area, no pixel centre inside
+    const bool midRight = cross > 0;
+
+    // events[]: right edges first, then left edges; the side holding the
+    // middle vertex has two (upper, lower).
+    Edge edges[3];
+    Edge& longEdge = edges[midRight ? 2 : 0];
+    Edge& upper = edges[midRight ? 0 : 1];
+    Edge& lower = edges[midRight ? 1 : 2];
+    // Rows outside the long edge lie outside the triangle (an empty span);
+    // rows outside a short edge belong to the other short edge (not binding).
+    // Either way the event is far right when the middle vertex is on the
+    // right (long edge left), far left otherwise.
+    const int32_t outside = midRight ? kEventFar : -kEventFar;
+    setupEdge(longEdge, ax, ay, cx, cy, outside);
+    setupEdge(upper, ax, ay, bx, by, outside);
+    setupEdge(lower, bx, by, cx, cy, outside);
+    const int rightIdx = 0, leftIdx = midRight ? 2 : 1;
+
+    // Depth at the farthest corner of each 8x4 subtile, as a plane over tile
+    // columns (zxTile per tile) and rows.
+    const float zMin = zs[0] < zs[1] ? (zs[0] < zs[2] ? zs[0] : zs[2]) : (zs[1] < zs[2] ? zs[1] : zs[2]);
+    const float zMax = zs[0] > zs[1] ? (zs[0] > zs[2] ? zs[0] : zs[2]) : (zs[1] > zs[2] ? zs[1] : zs[2]);
+    const float cornerX = zx > 0.0f ? 0.0f : 8.0f;
+    const float cornerY = zy > 0.0f ? 0.0f : 4.0f;
+    // Relative to vertex 0 to keep cancellation small.
+    const float4 subtileX = common::make4(0.0f, 8.0f, 16.0f, 24.0f) + common::splat(cornerX - xs[0]);
+    const float4 zColumn0 = common::splat(zx) * subtileX;
+    const float zxTile = zx * 32.0f;
+    const float4 zTriMin = common::splat(zMin), zTriMax = common::splat(zMax);
+
+    const int tileColMin = bbMinX >> kTileWidthShift, tileColMax = bbMaxX >> kTileWidthShift;
+    const int tileRowMin = bbMinY >> kTileHeightShift, tileRowMax = bbMaxY >> kTileHeightShift;
+    static const int4 kRowLanes = common::makeInt4(0, 1, 2, 3);
+
+    bool upperStarted = false, lowerStarted = false;
+    startEdge(longEdge, tileRowMin << kTileHeightShift);
+    for (int row = tileRowMin; row < tileRowMax; ++row) {
+        const int32_t y0 = row << kTileHeightShift;
+        const bool useUpper = ay < by && y0 < by;
+        const bool useLower = by < cy && y0 + 4 > by;
+        if (useUpper && !upperStarted) {
+            startEdge(upper, y0);
+            upperStarted = true;
+        }
+        if (useLower && !lowerStarted) {
+            startEdge(lower, y0);
+            lowerStarted = true;
+        }
+        const int4 rowsV = common::splatInt(y0) + kRowLanes;
+        int4 events[3];
+        events[0] = rowEvent(edges[0], rowsV);
+        events[1] = rowEvent(edges[1], rowsV);
+        events[2] = rowEvent(edges[2], rowsV);
+
+        // Run of tiles holding covered pixels of this row.
+        int4 left, right;
+        if (midRight) {
+            left = events[2];
+            right = useUpper && useLower ? common::min(events[0], events[1]) : events[useUpper ? 0 : 1];
+        } else {
+            right = events[0];
+            left = useUpper && useLower ? common::max(events[1], events[2]) : events[useUpper ? 1 : 2];
+        }
+        left = common::shiftRightArithmetic<kEventFracBits>(left);
+        right = common::shiftRightArithmetic<kEventFracBits>(right);
+        const int4 nonEmpty = common::cmpLt(left, right);
+        if (common::anyTrue(nonEmpty)) {
+            const int32_t spanMin = horizontalMinInt(common::select(nonEmpty, left, common::splatInt(INT32_MAX)));
+            const int32_t spanMax = horizontalMaxInt(common::select(nonEmpty, right, common::splatInt(INT32_MIN)));
+            int first = spanMin >> kTileWidthShift, end = (spanMax + 31) >> kTileWidthShift;
+            first = first < tileColMin ? tileColMin : first;
+            end = end > tileColMax ? tileColMax : end;
+            if (first < end) {
+                const float4 iz0 = common::splat(zs[0] + zy * ((float(y0) + cornerY) - ys[0])) + zColumn0;
+                const int rowBase = row * tilesWidth;
+                if (useUpper && useLower) {
+                    if (midRight)
+                        TraverseScanline<0, 2, 1>(first, end, rowBase, rightIdx, leftIdx, events, zTriMin, zTriMax,
+                                                  iz0, zxTile);
+                    else
+                        TraverseScanline<0, 1, 2>(first, end, rowBase, rightIdx, leftIdx, events, zTriMin, zTriMax,
+                                                  iz0, zxTile);
+                } else {
+                    const int r = midRight ? (useUpper ? 0 : 1) : rightIdx;
+                    const int l = midRight ? leftIdx : (useUpper ? 1 : 2);
+                    TraverseScanline<0, 1, 1>(first, end, rowBase, r, l, events, zTriMin, zTriMax, iz0, zxTile);
+                }
+            }
+        }
+        advanceEdge(longEdge);
+        if (upperStarted && useUpper) advanceEdge(upper);
+        if (lowerStarted) advanceEdge(lower);
+    }
+}
+
+template <int TestZ, int NRight, int NLeft>
+int MaskedOcclusionCullingPrivate::TraverseScanline(int first, int end, int rowBase, int rightIdx, int leftIdx,
+                                                    const int4* events, const float4& zTriMin, const float4& zTriMax,
+                                                    const float4& iz0, float zx) {
+    static_assert(TestZ == 0, "only the writing form is used");
+    const int4 zero = common::splatInt(0);
+    int4 right = NRight == 2 ? common::min(events[rightIdx], events[rightIdx + 1]) : events[rightIdx];
+    int4 left = NLeft == 2 ? common::max(events[leftIdx], events[leftIdx + 1]) : events[leftIdx];
+    const int4 origin = common::splatInt(first << kTileWidthShift);
+    right = common::max(common::shiftRightArithmetic<kEventFracBits>(right) - origin, zero);
+    left = common::max(common::shiftRightArithmetic<kEventFracBits>(left) - origin, zero);
+    float4 z = iz0 + common::splat(float(first) * zx);
+    const float4 zStep = common::splat(zx);
+    const int4 tileWidth = common::splatInt(32);
+
+    for (int t = first; t < end; ++t) {
+        MaskedTile& tile = tileBuffer[rowBase + t];
+        if (!common::allTrue(common::cmpLt(zTriMax, tile.referenceDepth))) {
+            const int4 rowCoverage =
+                common::andNot(common::shiftLeftVar(allOnes(), left), common::shiftLeftVar(allOnes(), right));
+            const int4 coverage = transposeBytes(rowCoverage);
+            const float4 zTri = common::max(z, zTriMin);
+            updateLayers(tile, zTri, coverage);
+        }
+        left = common::max(left - tileWidth, zero);
+        right = common::max(right - tileWidth, zero);
+        z = z + zStep;
+    }
+    return 0;
+}
+
+// ---------------------------------------------------------------- rectangle and box tests
+
+int MaskedOcclusionCullingPrivate::TestRect(float xmin, float ymin, float xmax, float ymax, float wmin) const {
+    static const int4 kTileOffset = common::makeInt4(0, 32, 0, 4);
+    static const int4 kTileMask = common::makeInt4(~31, ~31, ~3, ~3);
+    static const int4 kSubtileOffset = common::makeInt4(0, 8, 0, 4);
+    static const int4 kSubtileMask = common::makeInt4(~7, ~7, ~3, ~3);
+    static const int4 kLaneX = common::makeInt4(0, 8, 16, 24);
+    // Nothing drawn can hide anything.
+    if (tileBuffer == nullptr) return Visible;
+
+    const float4 bounds = common::make4(xmin, xmax, ymax, ymin);
+    const float4 pixels = common::fmadd(rectHalfSize, bounds, rectCenter);
+    const int4 rect = common::max(common::min(common::truncToInt(pixels), screenMax), common::splatInt(0));
+    alignas(16) int32_t tileRect[4], subRect[4];
+    common::storeInt4(tileRect, (rect + kTileOffset) & kTileMask);
+    common::storeInt4(subRect, (rect + kSubtileOffset) & kSubtileMask);
+    if (tileRect[0] == tileRect[1] || tileRect[2] == tileRect[3]) return OutsideView;
+
+    const float zNear = 1.0f / wmin;
+    const float4 zNearV = common::splat(zNear);
+    const int4 subMinX = common::splatInt(subRect[0] - 1), subMaxX = common::splatInt(subRect[1]);
+    const int colFirst = tileRect[0] >> kTileWidthShift, colEnd = tileRect[1] >> kTileWidthShift;
+    const int rowEnd = tileRect[3] >> kTileHeightShift;
+    int row = tileRect[2] >> kTileHeightShift;
+    do {
+        const int y = row << kTileHeightShift;
+        if (y >= subRect[2] && y < subRect[3]) {
+            const MaskedTile* tiles = tileBuffer + size_t(row) * size_t(tilesWidth);
+            for (int col = colFirst; col < colEnd; ++col) {
+                const int4 x = common::splatInt(col << kTileWidthShift) + kLaneX;
+                const int4 pass = common::cmpGt(x, subMinX) & common::cmpGt(subMaxX, x) &
+                                  common::cmpGe(zNearV, tiles[col].referenceDepth);
+                if (common::anyTrue(pass)) return Visible;
+            }
+        }
+        ++row;
+    } while (row < rowEnd);
+    return Occluded;
+}
+
+bool MaskedOcclusionCullingPrivate::Query(const float* boundsMin, const float* boundsMax) {
+    static const float kStart = [] {
+        float f;
+        const uint32_t bits = 0x7F7FC99Eu;
+        std::memcpy(&f, &bits, sizeof f);
+        return f;
+    }();
+    // The eight corners as two groups of four, one component per vector;
+    // each lane follows (c3 + c0*x) + c1*y + c2*z.
+    const float4 xs = common::make4(boundsMin[0], boundsMax[0], boundsMin[0], boundsMax[0]);
+    const float4 ys = common::make4(boundsMin[1], boundsMin[1], boundsMax[1], boundsMax[1]);
+    const float4 zLow = common::splat(boundsMin[2]), zHigh = common::splat(boundsMax[2]);
+    alignas(16) float c[16];
+    modelViewProjection.toColumnMajor(c);
+    float4 clip[3][2]; // x, y, w
+    const int components[3] = {0, 1, 3};
+    for (int i = 0; i < 3; ++i) {
+        const int k = components[i];
+        const float4 base =
+            (common::splat(c[12 + k]) + common::splat(c[k]) * xs) + common::splat(c[4 + k]) * ys;
+        clip[i][0] = base + common::splat(c[8 + k]) * zLow;
+        clip[i][1] = base + common::splat(c[8 + k]) * zHigh;
+    }
+    float4 ndcMinX = common::splat(kStart), ndcMinY = ndcMinX, wMin = ndcMinX;
+    float4 ndcMaxX = common::splat(-kStart), ndcMaxY = ndcMaxX;
+    for (int g = 0; g < 2; ++g) {
+        const float4 w = clip[2][g];
+        const float4 nx = clip[0][g] / w, ny = clip[1][g] / w;
+        ndcMinX = common::min(ndcMinX, nx);
+        ndcMinY = common::min(ndcMinY, ny);
+        ndcMaxX = common::max(ndcMaxX, nx);
+        ndcMaxY = common::max(ndcMaxY, ny);
+        wMin = common::min(wMin, w);
+    }
+    return TestRect(common::horizontalMin(ndcMinX), common::horizontalMin(ndcMinY), common::horizontalMax(ndcMaxX),
+                    common::horizontalMax(ndcMaxY), common::horizontalMin(wMin)) == Visible;
+}
+
+} // namespace
+
+// ---------------------------------------------------------------- interface statics
+
+bool MaskedOcclusionCulling::ReadTile(int tileX, int tileY, TileData& out) const {
+    return static_cast<const MaskedOcclusionCullingPrivate*>(this)->readTile(tileX, tileY, out);
+}
+
+MaskedOcclusionCulling* MaskedOcclusionCulling::Create() { return Create(common::aligned_alloc, common::aligned_free); }
+
+MaskedOcclusionCulling* MaskedOcclusionCulling::Create(void* (*alloc)(size_t alignment, size_t size),
+                                                       void (*free)(void*)) {
+    void* memory = alloc(64, sizeof(MaskedOcclusionCullingPrivate));
+    return new (memory) MaskedOcclusionCullingPrivate(alloc, free);
+}
+
+void MaskedOcclusionCulling::Destroy(MaskedOcclusionCulling* object) {
+    if (object == nullptr) return;
+    auto* self = static_cast<MaskedOcclusionCullingPrivate*>(object);
+    void (*release)(void*) = self->releaseCallback();
+    self->~MaskedOcclusionCullingPrivate();
+    release(self);
+}
+
+void GatherVertices(float4 vX[3], float4 vY[3], float4 vW[3], const float* vertices, const uint16_t* indices,
+                    int count, const MaskedOcclusionCulling::VertexLayout& layout) {
+    alignas(16) float xs[3][4], ys[3][4], ws[3][4];
+    for (int k = 0; k < 3; ++k) {
+        common::store4(xs[k], vX[k]);
+        common::store4(ys[k], vY[k]);
+        common::store4(ws[k], vW[k]);
+    }
+    const auto* base = reinterpret_cast<const unsigned char*>(vertices);
+    const int lanes = count < 4 ? count : 4;
+    for (int lane = 0; lane < lanes; ++lane) {
+        for (int k = 0; k < 3; ++k) {
+            const int64_t index = indices[3 * lane + k];
+            const int64_t offset = common::checkedMul(index, int64_t(layout.stride));
+            const unsigned char* p = base + offset;
+            std::memcpy(&xs[k][lane], p, sizeof(float));
+            std::memcpy(&ys[k][lane], p + layout.offsetY, sizeof(float));
+            std::memcpy(&ws[k][lane], p + layout.offsetW, sizeof(float));
+        }
+    }
+    for (int k = 0; k < 3; ++k) {
+        vX[k] = common::load4(xs[k]);
+        vY[k] = common::load4(ys[k]);
+        vW[k] = common::load4(ws[k]);
+    }
+}
+
+} // namespace util
