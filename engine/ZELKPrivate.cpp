@@ -7,6 +7,10 @@
 namespace ZELK {
 
 namespace {
+constexpr uint32_t kMaxIndexedVertices = 65536;
+// The rasteriser counts in int: larger index arrays are drawn up to this many
+// (a whole number of triangles).
+constexpr uint32_t kMaxIndexCount = 0x7FFFFFFE;
 // Plain pointer, no lock: the exported interface is used from one thread.
 ZELKPrivate* instance = nullptr;
 } // namespace
@@ -24,12 +28,15 @@ bool ZELKPrivate::release() {
 
 ZELKPrivate* ZELKPrivate::peek() { return instance; }
 
-ZELKPrivate::ZELKPrivate() : frameInfo(new ZELKFrameInfo()), cacheManager(std::make_shared<common::CacheManager>()) {
+ZELKPrivate::ZELKPrivate()
+    : frameInfo(new ZELKFrameInfo()), plainRasterizer(new util::PlainRasterizer()),
+      cacheManager(std::make_shared<common::CacheManager>()) {
     frameInfo->cacheManager = cacheManager;
 }
 
 ZELKPrivate::~ZELKPrivate() {
     cacheManager.reset();
+    plainRasterizer.reset();
     frameInfo.reset();
 }
 
@@ -37,17 +44,20 @@ void ZELKPrivate::resize(uint32_t newWidth, uint32_t newHeight) {
     if (newWidth == width && newHeight == height) return;
     width = newWidth;
     height = newHeight;
+    plainRasterizer->setResolution(width, height);
 }
 
 void ZELKPrivate::setNearPlane(float newNearPlane) {
     if (newNearPlane == nearPlane) return;
     nearPlane = newNearPlane;
+    plainRasterizer->setNearPlane(nearPlane);
 }
 
 void ZELKPrivate::startNewFrame(const float* frameParams, const float* viewProjection) {
     uint8_t prefix[3];
     std::memcpy(prefix, frameParams, sizeof(prefix));
     frameInfo->startFrame(prefix, common::Matrix4x4::fromColumnMajor(viewProjection));
+    plainRasterizer->clear();
     frameInfo->plainCount = 0;
 }
 
@@ -75,14 +85,38 @@ bool crossesNearPlane(const common::Matrix4x4& viewProjection, float nearPlane, 
     return !allTrue(inFront);
 }
 
-void ZELKPrivate::renderOccluders() {}
+void ZELKPrivate::renderOccluders() {
+    // Raw meshes: drawn every frame by the masked rasteriser. The cached pass
+    // (quad rasteriser, redrawn only when the frame differs) follows it once
+    // that rasteriser exists; until then no mesh is ever cached.
+    for (const common::OccluderRaw& record : frameInfo->rawOccluders) {
+        plainRasterizer->setModelViewProjection(frameInfo->viewProjection * record.model);
+        // 16-bit indices reach at most 65,536 vertices; a larger count the host
+        // claims would only make the transform walk vertices nothing uses.
+        const uint32_t usable = record.vertexCount < kMaxIndexedVertices ? record.vertexCount : kMaxIndexedVertices;
+        const uint32_t indexCount = record.indexCount < kMaxIndexCount ? record.indexCount : kMaxIndexCount;
+        plainRasterizer->render(record.vertices, record.indices, static_cast<int>(usable),
+                                static_cast<int>(indexCount));
+        common::checkedIncrement(frameInfo->plainCount);
+    }
+}
 
 bool ZELKPrivate::query(const float*, const float*) const { return false; }
 
 bool ZELKPrivate::batchQuery(const float* boxes, uint32_t count, bool* results) {
     if (boxes == nullptr || count == 0 || results == nullptr) return false;
     common::checkedMul<uint32_t>(count, 6); // box offsets must fit 32 bits
-    for (uint32_t i = 0; i < count; ++i) results[i] = true; // nothing is drawn yet
+    const uint32_t plainCount = frameInfo->plainCount;
+    const uint32_t rapidCount = frameInfo->rapidCount; // stays 0 until the quad rasteriser draws
+    if (plainCount != 0) plainRasterizer->setModelViewProjection(frameInfo->viewProjection);
+    for (uint32_t i = 0; i < count; ++i) {
+        const float* box = boxes + 6 * size_t(i);
+        const auto plainVisible = [&] {
+            return crossesNearPlane(frameInfo->viewProjection, nearPlane, box) || plainRasterizer->query(box, box + 3);
+        };
+        const auto rapidVisible = [] { return true; }; // an empty rapid buffer hides nothing
+        results[i] = combineVisibility(plainCount, rapidCount, plainVisible, rapidVisible);
+    }
     return true;
 }
 

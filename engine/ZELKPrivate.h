@@ -2,6 +2,7 @@
 
 #include "common/CacheManager.h"
 #include "engine/ZELKFrameInfo.h"
+#include "util/PlainRasterizer.h"
 
 #include <cstdint>
 #include <memory>
@@ -51,6 +52,7 @@ private:
     uint32_t height = 0;
     float nearPlane = 0.0f;
     std::unique_ptr<ZELKFrameInfo> frameInfo;
+    std::unique_ptr<util::PlainRasterizer> plainRasterizer; // raw meshes, cleared every frame
     std::shared_ptr<common::CacheManager> cacheManager;
 };
 

@@ -1,0 +1,49 @@
+// A whole frame through the exported functions on the synthetic city:
+// start, submit every building, render, and one batch query of 25,000 boxes.
+#include "support/CityScene.h"
+#include "zelk.h"
+
+#include <benchmark/benchmark.h>
+
+#include <memory>
+#include <vector>
+
+namespace {
+
+void BM_ZELKPrivate_frame(benchmark::State& state) {
+    const uint32_t width = uint32_t(state.range(0)), height = uint32_t(state.range(1));
+    const testing_support::CityScene scene = testing_support::makeCityScene(float(width) / float(height));
+    constexpr int kBoxes = 25000;
+    const std::vector<float> boxes = testing_support::makeCityQueryBoxes(scene, kBoxes, 1234);
+    std::unique_ptr<bool[]> visible(new bool[kBoxes]);
+    const float params[4] = {};
+    if (zelkInit(width, height, scene.nearPlane) != 1) state.SkipWithError("init failed");
+
+    for (auto _ : state) {
+        zelkStartNewFrame(params, scene.viewProjection.data());
+        for (size_t i = 0; i < scene.meshes.size(); ++i) {
+            const auto& mesh = scene.meshes[i];
+            zelkSubmitOccluder(mesh.vertices.data(), mesh.indices.data(), mesh.vertexCount(), mesh.indexCount(),
+                               ZELK_NON_RIGID, scene.models[i].data());
+        }
+        zelkRenderOccluders();
+        zelkBatchQuery(boxes.data(), kBoxes, visible.get());
+        benchmark::ClobberMemory();
+    }
+
+    // Odd boxes float in the open and must read visible; most even ones are
+    // inside buildings and must be culled.
+    int wrong = 0, culled = 0;
+    for (int i = 0; i < kBoxes; ++i) {
+        if (i % 2 == 1 && !visible[i]) ++wrong;
+        if (i % 2 == 0 && !visible[i]) ++culled;
+    }
+    if (wrong != 0 || culled < kBoxes / 2 * 8 / 10) state.SkipWithError("wrong visibility answers");
+    state.counters["culled"] = double(culled) / double(kBoxes / 2);
+    state.counters["triangles"] = double(scene.triangleCount);
+    state.SetItemsProcessed(int64_t(state.iterations()) * kBoxes);
+    zelkDestroy();
+}
+BENCHMARK(BM_ZELKPrivate_frame)->Args({320, 192})->Args({640, 360})->Args({1920, 1080})->Unit(benchmark::kMicrosecond);
+
+} // namespace
