@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cfloat>
 #include <cmath>
 #include <cstring>
@@ -72,7 +73,7 @@ Moc::TileData tile(const Moc& m, int tx, int ty) {
 }
 
 // Pixel of the working layer's mask, or of a promoted (full) subtile.
-[[maybe_unused]] bool drawnAt(const Moc& m, int i, int j) {
+bool drawnAt(const Moc& m, int i, int j) {
     const Moc::TileData t = tile(m, i / 32, j / 4);
     const int lane = (i % 32) / 8;
     return ((t.coverageMask[lane] >> (8 * (j % 4) + i % 8)) & 1u) != 0 || t.referenceDepth[lane] > -1.0f;
@@ -380,4 +381,335 @@ TEST(MaskedOcclusionCulling, RandomScenesAreConservative) {
     }
     EXPECT_GT(occluded, 500);
     EXPECT_GT(visible, 500);
+}
+
+namespace {
+
+// Renders clip-space triangles given as (x, y, w) triples.
+int renderClip(Moc& m, const std::vector<std::array<float, 9>>& tris, Moc::ClipPlanes clip,
+               Moc::BackfaceWinding winding = Moc::WindingKeepBoth) {
+    std::vector<float> v;
+    std::vector<uint16_t> idx;
+    for (const auto& t : tris)
+        for (int k = 0; k < 3; ++k) {
+            idx.push_back(uint16_t(v.size() / 4));
+            v.insert(v.end(), {t[3 * k], t[3 * k + 1], 0.0f, t[3 * k + 2]});
+        }
+    return m.RenderTriangles(v.data(), idx.data(), int(tris.size()), nullptr, winding, clip, kPacked);
+}
+
+std::vector<Moc::TileData> allTiles(const Moc& m) {
+    std::vector<Moc::TileData> tiles;
+    Moc::TileData t;
+    for (int ty = 0; m.ReadTile(0, ty, t); ++ty)
+        for (int tx = 0; m.ReadTile(tx, ty, t); ++tx) tiles.push_back(t);
+    return tiles;
+}
+
+bool sameTiles(const Moc& a, const Moc& b) {
+    const auto ta = allTiles(a), tb = allTiles(b);
+    return ta.size() == tb.size() && std::memcmp(ta.data(), tb.data(), ta.size() * sizeof(Moc::TileData)) == 0;
+}
+
+// Same masks; depths equal up to rounding (for the same triangles given
+// with their vertices in another cyclic order).
+void expectSameCoverage(const Moc& a, const Moc& b) {
+    const auto ta = allTiles(a), tb = allTiles(b);
+    ASSERT_EQ(ta.size(), tb.size());
+    for (size_t i = 0; i < ta.size(); ++i)
+        for (int lane = 0; lane < 4; ++lane) {
+            EXPECT_EQ(ta[i].coverageMask[lane], tb[i].coverageMask[lane]) << i;
+            EXPECT_NEAR(ta[i].referenceDepth[lane], tb[i].referenceDepth[lane], 1e-6f) << i;
+            EXPECT_NEAR(ta[i].workingDepth[lane], tb[i].workingDepth[lane], tb[i].workingDepth[lane] * 1e-6f) << i;
+        }
+}
+
+} // namespace
+
+TEST(MaskedOcclusionCulling, ClippingAgainstEachPlane) {
+    const int w = 128, h = 64;
+    auto m = makeMoc(w, h);
+    // One vertex far beyond each side plane in turn; the drawn pixels follow
+    // the unclipped triangle to within a pixel (clipped vertices snap anew).
+    const Tri crossing[4] = {
+        {{-300, 100, 60}, {30, 10, 55}, {1, 1, 1}},  // left
+        {{20, 500, 60}, {10, 30, 60}, {1, 1, 1}},    // right
+        {{10, 120, 64}, {50, 20, 250}, {1, 1, 1}},   // bottom
+        {{10, 120, 70}, {40, 50, -200}, {1, 1, 1}},  // top
+    };
+    for (const Tri& t : crossing) {
+        m->ClearBuffer();
+        EXPECT_EQ(render(*m, {t}, Moc::WindingKeepBoth, Moc::ClipAll), Moc::Visible);
+        const ScreenTriangle s = t.screen();
+        int inside = 0;
+        for (int j = 0; j < h; ++j)
+            for (int i = 0; i < w; ++i) {
+                const double d = ReferenceRasterizer::insideDistance(s, i, j);
+                if (drawnAt(*m, i, j)) {
+                    EXPECT_GT(d, -1.0) << i << "," << j;
+                }
+                if (d > 1.0) {
+                    EXPECT_TRUE(drawnAt(*m, i, j)) << i << "," << j;
+                    ++inside;
+                }
+            }
+        EXPECT_GT(inside, 300);
+    }
+
+    // Wholly outside one plane: dropped before rasterization.
+    m->ClearBuffer();
+    EXPECT_EQ(renderClip(*m, {{-3, 0, 1, -2, 0.5f, 1, -4, -0.5f, 1}}, Moc::ClipAll), Moc::OutsideView);
+    EXPECT_EQ(renderClip(*m, {{0, 2, 1, 0.5f, 3, 1, -0.5f, 2.5f, 1}}, Moc::ClipAll), Moc::OutsideView); // above the top
+    // Inside the one-pixel guard band but off screen: clipping keeps the
+    // triangles (vertices in another cyclic order), so the buffer matches
+    // drawing without clipping; the lane that was inside all along goes
+    // through the ring too.
+    auto unclipped = makeMoc(w, h);
+    const std::vector<Tri> edgy = {{{-1, 40, 10}, {5, 20, 60}, {1, 2, 4}},
+                                   {{30, 90, 60}, {-1, 40, 65}, {2, 2, 3}},
+                                   {{100, 129, 129}, {0, 10, 65}, {1, 1, 1}}};
+    m->ClearBuffer();
+    EXPECT_EQ(render(*m, edgy, Moc::WindingKeepBoth, Moc::ClipAll), Moc::Visible);
+    render(*unclipped, edgy);
+    expectSameCoverage(*m, *unclipped);
+}
+
+TEST(MaskedOcclusionCulling, NearPlaneAndRing) {
+    const int w = 128, h = 64;
+    auto m = makeMoc(w, h);
+    m->SetNearClipPlane(0.5f);
+    // Every vertex nearer than the near plane: dropped.
+    EXPECT_EQ(renderClip(*m, {{-0.1f, -0.1f, 0.3f, 0.1f, -0.1f, 0.3f, 0, 0.1f, 0.4f}}, Moc::ClipAll), Moc::OutsideView);
+    // A floor running from w = 4 to behind the eye: y = -1 everywhere, so it
+    // covers the screen below ndc y = -1/4 and comes nearer toward the bottom.
+    EXPECT_EQ(renderClip(*m, {{-4, -1, 4, 4, -1, 4, 0, -1, -2}}, Moc::ClipAll), Moc::Visible);
+    const Moc::TileData horizon = tile(*m, 1, 11), bottom = tile(*m, 1, 15), sky = tile(*m, 1, 8);
+    EXPECT_GT(bottom.referenceDepth[3], horizon.referenceDepth[3]);
+    EXPECT_GT(horizon.referenceDepth[3], 0.25f * 0.99f);
+    EXPECT_LT(bottom.referenceDepth[3], 1e6f);
+    EXPECT_EQ(sky.referenceDepth[3], -1.0f);
+    EXPECT_EQ(sky.coverageMask[3], 0u);
+    for (const Moc::TileData& t : allTiles(*m))
+        for (float r : t.referenceDepth) EXPECT_FALSE(std::isnan(r));
+
+    // Four screen-covering triangles crossing all four side planes: each is
+    // cut down to the guard-band rectangle, two triangles in the ring apiece;
+    // every subtile ends up finished at depth 1.
+    m->ClearBuffer();
+    const std::array<float, 9> huge = {-20, -20, 1, 20, -20, 1, 0, 30, 1};
+    EXPECT_EQ(renderClip(*m, {huge, huge, huge, huge}, Moc::ClipAll), Moc::Visible);
+    for (const Moc::TileData& t : allTiles(*m))
+        for (int lane = 0; lane < 4; ++lane) {
+            EXPECT_NEAR(t.referenceDepth[lane], 1.0f, 1e-4);
+            EXPECT_EQ(t.coverageMask[lane], 0u);
+        }
+    // Without clipping the same triangle is beyond what is rasterized and
+    // is skipped rather than drawn wrongly.
+    m->ClearBuffer();
+    EXPECT_EQ(renderClip(*m, {{-2000, -2000, 1, 2000, -2000, 1, 0, 3000, 1}}, Moc::ClipNone), Moc::Visible);
+    EXPECT_EQ(tile(*m, 2, 8).referenceDepth[0], -1.0f);
+}
+
+TEST(MaskedOcclusionCulling, WindingAndResults) {
+    auto m = makeMoc(64, 32);
+    // Screen y down: (0,0), (0,20), (40,0) has area (x1-x2)(y0-y2) -
+    // (x2-x0)(y2-y1) = 800 > 0; the reverse order has -800.
+    const Tri positive = {{0, 0, 40}, {0, 20, 0}, {2, 2, 2}};
+    const Tri negative = {{0, 40, 0}, {0, 0, 20}, {2, 2, 2}};
+    EXPECT_EQ(render(*m, {negative}, Moc::WindingKeepPositive), Moc::OutsideView);
+    EXPECT_EQ(tile(*m, 0, 0).referenceDepth[0], -1.0f);
+    EXPECT_EQ(render(*m, {positive}, Moc::WindingKeepPositive), Moc::Visible);
+    const auto drawnPositive = allTiles(*m);
+    EXPECT_NEAR(drawnPositive[0].referenceDepth[0], 0.5f, 1e-4);
+
+    m->ClearBuffer();
+    EXPECT_EQ(render(*m, {positive}, Moc::WindingKeepNonPositive), Moc::OutsideView);
+    EXPECT_EQ(render(*m, {negative}, Moc::WindingKeepNonPositive), Moc::Visible);
+    // Either orientation covers the same pixels.
+    EXPECT_EQ(std::memcmp(allTiles(*m).data(), drawnPositive.data(), drawnPositive.size() * sizeof(Moc::TileData)), 0);
+    m->ClearBuffer();
+    EXPECT_EQ(render(*m, {negative}, Moc::WindingKeepBoth), Moc::Visible);
+    EXPECT_EQ(std::memcmp(allTiles(*m).data(), drawnPositive.data(), drawnPositive.size() * sizeof(Moc::TileData)), 0);
+
+    // Zero area: culled by winding 1, kept but invisible with winding 0.
+    m->ClearBuffer();
+    const Tri flat = {{0, 20, 40}, {0, 10, 20}, {2, 2, 2}};
+    EXPECT_EQ(render(*m, {flat}, Moc::WindingKeepPositive), Moc::OutsideView);
+    EXPECT_EQ(render(*m, {flat}, Moc::WindingKeepBoth), Moc::Visible);
+    for (const Moc::TileData& t : allTiles(*m)) EXPECT_EQ(t.coverageMask[0] | t.coverageMask[1], 0u);
+
+    // Results AND together: one on-screen triangle among off-screen ones.
+    const Tri offscreen = {{100, 140, 100}, {0, 0, 30}, {2, 2, 2}};
+    EXPECT_EQ(render(*m, {offscreen, offscreen, offscreen, offscreen, offscreen}), Moc::OutsideView);
+    EXPECT_EQ(render(*m, {offscreen, offscreen, offscreen, offscreen, positive}), Moc::Visible);
+    const float v[4] = {0, 0, 0, 1};
+    const uint16_t idx[3] = {0, 0, 0};
+    EXPECT_EQ(m->RenderTriangles(v, idx, 0, nullptr, Moc::WindingKeepBoth, Moc::ClipAll, kPacked), Moc::OutsideView);
+    EXPECT_EQ(m->RenderTriangles(v, idx, -5, nullptr, Moc::WindingKeepBoth, Moc::ClipAll, kPacked), Moc::OutsideView);
+}
+
+TEST(MaskedOcclusionCulling, VertexLayoutsAndTransformAgree) {
+    const int w = 96, h = 48;
+    std::mt19937 rng(5);
+    std::uniform_real_distribution<float> coord(-1.3f, 1.3f), wDist(1.0f, 10.0f);
+    std::vector<float> packed, strided;
+    std::vector<uint16_t> idx;
+    for (int i = 0; i < 90; ++i) {
+        const float x = coord(rng), y = coord(rng), wv = wDist(rng);
+        packed.insert(packed.end(), {x * wv, y * wv, 0.0f, wv});
+        // stride 24: x at 0, y at 8, w at 20, garbage between
+        strided.insert(strided.end(), {x * wv, -7.0f, y * wv, NAN, 1e30f, wv});
+    }
+    for (int i = 0; i < 30 * 3; ++i) idx.push_back(uint16_t((i * 37) % 90));
+    auto a = makeMoc(w, h), b = makeMoc(w, h), c = makeMoc(w, h);
+    const int ra = a->RenderTriangles(packed.data(), idx.data(), 30, nullptr, Moc::WindingKeepBoth, Moc::ClipAll, kPacked);
+    const int rb = b->RenderTriangles(strided.data(), idx.data(), 30, nullptr, Moc::WindingKeepBoth, Moc::ClipAll,
+                                      {24, 8, 20});
+    EXPECT_EQ(ra, Moc::Visible);
+    EXPECT_EQ(ra, rb);
+    EXPECT_TRUE(sameTiles(*a, *b));
+    // A modelToClip matrix applied to (x, y, 0, w): swapping x and y twice
+    // is the identity on the picture; once, it mirrors it.
+    const float swapXY[16] = {0, 1, 0, 0, 1, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
+    std::vector<float> swapped = packed;
+    for (size_t i = 0; i < swapped.size(); i += 4) std::swap(swapped[i], swapped[i + 1]);
+    c->RenderTriangles(swapped.data(), idx.data(), 30, swapXY, Moc::WindingKeepBoth, Moc::ClipAll, kPacked);
+    EXPECT_TRUE(sameTiles(*a, *c));
+}
+
+TEST(MaskedOcclusionCulling, TestRectArithmetic) {
+    const int w = 128, h = 64;
+    auto m = makeMoc(w, h);
+    // Cleared: anything on screen in front of the eye is visible.
+    EXPECT_EQ(m->TestRect(-0.5f, -0.5f, 0.5f, 0.5f, 3.0f), Moc::Visible);
+    // wmin in (-1, 0) makes 1/wmin < -1, below the cleared depth: reads hidden.
+    EXPECT_EQ(m->TestRect(-0.5f, -0.5f, 0.5f, 0.5f, -0.5f), Moc::Occluded);
+    EXPECT_EQ(m->TestRect(-0.5f, -0.5f, 0.5f, 0.5f, 0.0f), Moc::Visible); // 1/0 = +inf
+    // Wholly left of the screen: clamped onto column 0 and still tested.
+    EXPECT_EQ(m->TestRect(-3.0f, -0.5f, -2.0f, 0.5f, 3.0f), Moc::Visible);
+    // Inverted by more than a tile: x pixels 76 .. 51 give tile bounds 64 .. 64.
+    EXPECT_EQ(m->TestRect(0.2f, -0.5f, -0.2f, 0.5f, 3.0f), Moc::OutsideView);
+    // Inverted by less than a tile still tests something.
+    EXPECT_EQ(m->TestRect(0.1f, -0.5f, 0.05f, 0.5f, 3.0f), Moc::Visible);
+
+    // Subtile 0 of tile 0 finished at 0.5; subtile 1 only partly covered.
+    render(*m, {{{0, 16, 0}, {0, 0, 8}, {2, 2, 2}}});
+    ASSERT_NEAR(tile(*m, 0, 0).referenceDepth[0], 0.5f, 1e-4);
+    ASSERT_NE(tile(*m, 0, 0).coverageMask[1], 0u);
+    // Exactly pixels [0, 8) x [0, 4): x = -1 .. (7.5 - 64) / 64, y = 1 .. (32 - 3.5) / 32.
+    const float x1 = (7.5f - 64.0f) / 64.0f, y0 = (32.0f - 3.5f) / 32.0f;
+    EXPECT_EQ(m->TestRect(-1.0f, y0, x1, 1.0f, 4.0f), Moc::Occluded); // 0.25 behind 0.5
+    EXPECT_EQ(m->TestRect(-1.0f, y0, x1, 1.0f, 2.0f), Moc::Visible);  // level with it
+    EXPECT_EQ(m->TestRect(-1.0f, y0, x1, 1.0f, 1.0f), Moc::Visible);  // in front
+    // One pixel more reaches subtile 1, whose covering layer is unfinished.
+    EXPECT_EQ(m->TestRect(-1.0f, y0, (8.5f - 64.0f) / 64.0f, 1.0f, 4.0f), Moc::Visible);
+    // One more row reaches tile row 1, untouched.
+    EXPECT_EQ(m->TestRect(-1.0f, (32.0f - 4.5f) / 32.0f, x1, 1.0f, 4.0f), Moc::Visible);
+}
+
+TEST(MaskedOcclusionCulling, QueryBoxes) {
+    const int w = 128, h = 64;
+    auto m = makeMoc(w, h);
+    // clip = (x, y, 0, z): w is the box's z, the screen spans x/z, y/z in [-1, 1].
+    common::Matrix4x4 mvp = common::Matrix4x4::zero();
+    mvp.columns[0] = common::make4(1, 0, 0, 0);
+    mvp.columns[1] = common::make4(0, 1, 0, 0);
+    mvp.columns[2] = common::make4(0, 0, 0, 1);
+    m->SetModelViewProjection(mvp);
+    const float lo[3] = {-0.2f, -0.2f, 3.0f}, hi[3] = {0.2f, 0.2f, 4.0f};
+    EXPECT_TRUE(m->Query(lo, hi));
+    // A wall at w = 2 over the middle of the screen hides it ...
+    const std::vector<Tri> wall = {{{16, 112, 112}, {8, 8, 56}, {2, 2, 2}}, {{16, 112, 16}, {8, 56, 56}, {2, 2, 2}}};
+    render(*m, wall);
+    EXPECT_FALSE(m->Query(lo, hi));
+    // ... but not a box reaching in front of it, nor one beside it.
+    const float nearLo[3] = {-0.2f, -0.2f, 1.5f};
+    EXPECT_TRUE(m->Query(nearLo, hi));
+    const float sideLo[3] = {-3.5f, -0.2f, 3.0f}, sideHi[3] = {-3.3f, 0.2f, 4.0f};
+    EXPECT_TRUE(m->Query(sideLo, sideHi));
+    // A wall behind the box does not hide it.
+    m->ClearBuffer();
+    render(*m, {{{16, 112, 112}, {8, 8, 56}, {8, 8, 8}}, {{16, 112, 16}, {8, 56, 56}, {8, 8, 8}}});
+    EXPECT_TRUE(m->Query(lo, hi));
+    // Reaching behind the eye (z from -0.5): no clipping, 1/wmin = -2 is
+    // behind even the cleared buffer, so the box reads hidden.
+    m->ClearBuffer();
+    const float behindLo[3] = {-0.2f, -0.2f, -0.5f};
+    EXPECT_FALSE(m->Query(behindLo, hi));
+}
+
+TEST(MaskedOcclusionCulling, FourArgumentRenderReusesItsBuffer) {
+    CountingAlloc::allocations = CountingAlloc::frees = 0;
+    Moc* m = Moc::Create(CountingAlloc::alloc, CountingAlloc::release);
+    m->SetResolution(64, 32);
+    m->ClearBuffer();
+    m->SetNearClipPlane(0.1f);
+    common::Matrix4x4 mvp = common::Matrix4x4::identity();
+    mvp.columns[2] = common::make4(0, 0, 0, 1); // w = z
+    mvp.columns[3] = common::make4(0, 0, 0, 0);
+    m->SetModelViewProjection(mvp);
+    // A square at z = 2 spanning x, y in [-1, 1]: ndc [-0.5, 0.5].
+    const float square[12] = {-1, -1, 2, 1, -1, 2, 1, 1, 2, -1, 1, 2};
+    const uint16_t twoTris[6] = {0, 1, 2, 0, 2, 3};
+    EXPECT_EQ(m->RenderTriangles(square, twoTris, 4, 2), Moc::Visible);
+    const int afterFirst = CountingAlloc::allocations;
+    EXPECT_EQ(afterFirst, 3); // object, tiles, vertices
+    EXPECT_EQ(m->RenderTriangles(square, twoTris, 4, 2), Moc::Visible);
+    EXPECT_EQ(CountingAlloc::allocations, afterFirst);
+    // The square's middle tile row is finished at depth 1/2.
+    EXPECT_NEAR(tile(*m, 0, 4).referenceDepth[2], 0.5f, 1e-4);
+    EXPECT_NEAR(tile(*m, 1, 5).referenceDepth[1], 0.5f, 1e-4);
+    EXPECT_EQ(tile(*m, 0, 0).referenceDepth[2], -1.0f);
+
+    // Indices past the vertex count read zero vertices, drawn as nothing.
+    const uint16_t wild[6] = {0, 1, 9000, 0, 2, 3};
+    m->ClearBuffer();
+    m->RenderTriangles(square, wild, 4, 2);
+    EXPECT_EQ(CountingAlloc::allocations, afterFirst + 1); // grown once to 9001 vertices
+    EXPECT_EQ(tile(*m, 1, 5).referenceDepth[1], -1.0f); // the lower right half is gone
+    EXPECT_NEAR(tile(*m, 0, 4).referenceDepth[2], 0.5f, 1e-4); // the upper left half is not
+    m->RenderTriangles(square, twoTris, -3, 2);            // a negative count transforms nothing
+    m->RenderTriangles(square, wild, 4, 2);
+    EXPECT_EQ(CountingAlloc::allocations, afterFirst + 1);
+    Moc::Destroy(m);
+    EXPECT_EQ(CountingAlloc::frees, CountingAlloc::allocations);
+}
+
+TEST(MaskedOcclusionCulling, HostileInputStaysInBounds) {
+    // Under the address sanitizer: garbage vertices, matrices, layouts and
+    // planes neither crash nor hang, and never put NaN into the buffer.
+    std::mt19937 rng(99);
+    const float specials[] = {NAN, INFINITY, -INFINITY, 1e30f, -1e30f, 3e38f, 0.0f, -0.0f, 1e-30f, 1e-40f, 1.0f, -1.0f};
+    std::uniform_int_distribution<int> pickSpecial(0, int(sizeof(specials) / sizeof(float)) - 1), coin(0, 3);
+    std::uniform_real_distribution<float> ordinary(-3.0f, 3.0f);
+    const auto value = [&] { return coin(rng) == 0 ? specials[pickSpecial(rng)] : ordinary(rng) * (coin(rng) ? 1.0f : 5000.0f); };
+    const unsigned sizes[][2] = {{1, 1}, {8, 4}, {33, 5}, {96, 40}, {200, 120}};
+    for (int round = 0; round < 150; ++round) {
+        auto m = makeMoc(sizes[round % 5][0], sizes[round % 5][1]);
+        m->SetNearClipPlane(round % 7 == 0 ? value() : 0.1f);
+        const int vertexCount = 24;
+        std::vector<float> v(vertexCount * 6);
+        for (float& f : v) f = value();
+        std::vector<uint16_t> idx(3 * 13);
+        for (uint16_t& i : idx) i = uint16_t(rng() % vertexCount);
+        float matrix[16];
+        for (float& f : matrix) f = coin(rng) ? value() : 0.0f;
+        const auto winding = Moc::BackfaceWinding(round % 3);
+        const auto clip = Moc::ClipPlanes(round % 4 == 0 ? 0 : int(rng() % 32));
+        m->RenderTriangles(v.data(), idx.data(), 13, nullptr, winding, clip, kPacked);
+        m->RenderTriangles(v.data(), idx.data(), 13, matrix, winding, clip, {24, 4, 20});
+        m->SetModelViewProjection(common::Matrix4x4::fromColumnMajor(matrix));
+        m->RenderTriangles(v.data(), idx.data(), vertexCount * 2, 13);
+        m->RenderTriangles(v.data(), idx.data(), vertexCount, 13);
+        for (const Moc::TileData& t : allTiles(*m))
+            for (int lane = 0; lane < 4; ++lane) {
+                ASSERT_FALSE(std::isnan(t.referenceDepth[lane])) << round;
+                ASSERT_FALSE(std::isnan(t.workingDepth[lane])) << round;
+            }
+        const float lo[3] = {value(), value(), value()}, hi[3] = {value(), value(), value()};
+        m->Query(lo, hi);
+        m->TestRect(value(), value(), value(), value(), value());
+        auto other = makeMoc(sizes[(round + 1) % 5][0], sizes[(round + 1) % 5][1]);
+        m->MergeBuffer(other.get());
+    }
 }
