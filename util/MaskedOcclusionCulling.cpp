@@ -473,8 +473,8 @@ int MaskedOcclusionCullingPrivate::RenderTriangles(const float* vertices, const 
     int result = OutsideView;
     ClippedTriangle ring[kRingSize];
     int writeIndex = 0;
-    for (int first = 0; first < triangleCount; first += 4) {
-        const int count = triangleCount - first < 4 ? triangleCount - first : 4;
+    for (int64_t first = 0; first < triangleCount; first += 4) {
+        const int count = triangleCount - first < 4 ? int(triangleCount - first) : 4;
         const uint16_t* batch = triangles + size_t(first) * 3;
         float4 vX[3], vY[3], vW[3];
         if (packed) {
