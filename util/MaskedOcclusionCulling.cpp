@@ -225,7 +225,8 @@ public:
     bool Query(const float* boundsMin, const float* boundsMax) override;
 
     bool readTile(int tileX, int tileY, TileData& out) const;
-    void (*releaseCallback() const)(void*) { return freeCallback; }
+    using ReleaseFunction = void (*)(void*);
+    ReleaseFunction releaseCallback() const { return freeCallback; }
 
 private:
     void setSidePlanes(float w, float h) {
@@ -885,7 +886,7 @@ MaskedOcclusionCulling* MaskedOcclusionCulling::Create(void* (*alloc)(size_t ali
 void MaskedOcclusionCulling::Destroy(MaskedOcclusionCulling* object) {
     if (object == nullptr) return;
     auto* self = static_cast<MaskedOcclusionCullingPrivate*>(object);
-    void (*release)(void*) = self->releaseCallback();
+    const auto release = self->releaseCallback();
     self->~MaskedOcclusionCullingPrivate();
     release(self);
 }
