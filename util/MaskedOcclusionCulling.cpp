@@ -83,20 +83,16 @@ ZELK_INLINE int32_t horizontalMaxInt(int4 a) {
 // 4x4 byte transpose: byte s of lane r moves to byte r of lane s. Turns four
 // 32-pixel rows into four 8x4 subtile masks (bit 8*y + x).
 ZELK_INLINE int4 transposeBytes(int4 rows) {
-    static const int4 kKeepHalves = common::makeInt4(0x0000FFFF, 0x0000FFFF, int32_t(0xFFFF0000), int32_t(0xFFFF0000));
-    static const int4 kLowPair = common::makeInt4(-1, -1, 0, 0);
-    static const int4 kKeepBytes = common::makeInt4(0x00FF00FF, int32_t(0xFF00FF00), 0x00FF00FF, int32_t(0xFF00FF00));
-    static const int4 kEvenLane = common::makeInt4(-1, 0, -1, 0);
-    // 2x2 blocks of 16-bit halves between lanes (0,1) and (2,3).
-    const int4 t = swapPairs64(rows);
-    const int4 movedHalves =
-        common::select(kLowPair, common::shiftLeft<16>(t), common::shiftRightLogical<16>(t));
-    const int4 halves = (rows & kKeepHalves) | movedHalves;
-    // Then single bytes between neighbouring lanes.
-    const int4 u = swapPairs32(halves);
-    const int4 movedBytes = common::andNot(
-        common::select(kEvenLane, common::shiftLeft<8>(u), common::shiftRightLogical<8>(u)), kKeepBytes);
-    return (halves & kKeepBytes) | movedBytes;
+    // Split into the four byte columns, transpose them as a 4x4 matrix of
+    // lanes, and pack the rows back together.
+    const int4 low = common::splatInt(0xFF);
+    float4 b0 = common::asFloat(rows & low);
+    float4 b1 = common::asFloat(common::shiftRightLogical<8>(rows) & low);
+    float4 b2 = common::asFloat(common::shiftRightLogical<16>(rows) & low);
+    float4 b3 = common::asFloat(common::shiftRightLogical<24>(rows));
+    common::transpose(b0, b1, b2, b3);
+    return (common::asInt(b0) | common::shiftLeft<8>(common::asInt(b1))) |
+           (common::shiftLeft<16>(common::asInt(b2)) | common::shiftLeft<24>(common::asInt(b3)));
 }
 
 // The masked layer update for one tile: a new layer zTri (per subtile, its
@@ -225,7 +221,8 @@ public:
     bool Query(const float* boundsMin, const float* boundsMax) override;
 
     bool readTile(int tileX, int tileY, TileData& out) const;
-    void (*releaseCallback() const)(void*) { return freeCallback; }
+    using ReleaseFunction = void (*)(void*);
+    ReleaseFunction releaseCallback() const { return freeCallback; }
 
 private:
     void setSidePlanes(float w, float h) {
@@ -473,8 +470,8 @@ int MaskedOcclusionCullingPrivate::RenderTriangles(const float* vertices, const 
     int result = OutsideView;
     ClippedTriangle ring[kRingSize];
     int writeIndex = 0;
-    for (int first = 0; first < triangleCount; first += 4) {
-        const int count = triangleCount - first < 4 ? triangleCount - first : 4;
+    for (int64_t first = 0; first < triangleCount; first += 4) {
+        const int count = triangleCount - first < 4 ? int(triangleCount - first) : 4;
         const uint16_t* batch = triangles + size_t(first) * 3;
         float4 vX[3], vY[3], vW[3];
         if (packed) {
@@ -885,7 +882,7 @@ MaskedOcclusionCulling* MaskedOcclusionCulling::Create(void* (*alloc)(size_t ali
 void MaskedOcclusionCulling::Destroy(MaskedOcclusionCulling* object) {
     if (object == nullptr) return;
     auto* self = static_cast<MaskedOcclusionCullingPrivate*>(object);
-    void (*release)(void*) = self->releaseCallback();
+    const auto release = self->releaseCallback();
     self->~MaskedOcclusionCullingPrivate();
     release(self);
 }

@@ -67,7 +67,9 @@ public:
     virtual int RenderTriangles(const float* vertices, const uint16_t* triangles, int triangleCount,
                                 const float* modelToClip, BackfaceWinding winding, ClipPlanes clipPlaneMask,
                                 const VertexLayout& layout) = 0;
-    // Object-space (x, y, z) triples transformed by the stored matrix.
+    // Object-space (x, y, z) triples transformed by the stored matrix, clipped
+    // against all planes; only triangles counter-clockwise in normalized
+    // device coordinates (y up) are drawn.
     virtual int RenderTriangles(const float* vertices, const uint16_t* indices, int vertexCount,
                                 int triangleCount) = 0;
     // Normalized device coordinates, y up; wmin is the nearest clip-space w.
