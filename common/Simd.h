@@ -952,10 +952,10 @@ ZELK_INLINE bool allTrue(int4 mask) { return signMask(mask) == 0xF; }
 
 template <int I0, int I1, int I2, int I3> ZELK_INLINE float4 swizzle(float4 a) {
     static_assert(I0 >= 0 && I0 < 4 && I1 >= 0 && I1 < 4 && I2 >= 0 && I2 < 4 && I3 >= 0 && I3 < 4, "lane index");
-#if defined(ZELK_NEON)
-    alignas(16) float t[4];
-    vst1q_f32(t, a.v);
-    return make4(t[I0], t[I1], t[I2], t[I3]);
+#if defined(ZELK_NEON) && defined(__clang__)
+    return {__builtin_shufflevector(a.v, a.v, I0, I1, I2, I3)};
+#elif defined(ZELK_NEON)
+    return {__builtin_shuffle(a.v, uint32x4_t{I0, I1, I2, I3})}; // compiles to a few lane moves or one TBL
 #elif defined(ZELK_SSE41)
     return {_mm_shuffle_ps(a.v, a.v, _MM_SHUFFLE(I3, I2, I1, I0))};
 #else
