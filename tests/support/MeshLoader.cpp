@@ -87,7 +87,6 @@ std::vector<NamedMesh> loadRealMeshes() {
     static const char* const kPaths[] = {
         "/usr/share/glmark2/models/bunny.obj",
         "/usr/share/assimp/models/PLY/Wuson.ply",
-        "/usr/share/assimp/models/PLY/pond.0.ply",
         "/usr/share/assimp/models/OBJ/spider.obj",
         "/usr/share/assimp/models/OBJ/regr01.obj",
         "/usr/share/assimp/models/STL/sphereWithHole.stl",
