@@ -181,7 +181,9 @@ TEST(QuadDecomposition, RealMeshesMostlyPair) {
                         input.second ? "reduced" : "original", triangles, 100.0 * fraction);
             // Reduced meshes of large models pair less: their bigger triangles
             // fold by more than the absolute 0.5-unit limit. Reported only.
-            if (ordinary) EXPECT_GT(fraction, 0.6) << named.name;
+            if (ordinary) {
+                EXPECT_GT(fraction, 0.6) << named.name;
+            }
         }
     }
 }
