@@ -1,6 +1,7 @@
 #include "common/MeshReducer.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cmath>
 #include <mutex>
 
@@ -22,6 +23,7 @@ struct Vertex {
 struct Triangle {
     bool deleted;
     bool dirty; // changed in this iteration: not collapsed again until the next
+    bool preBorderErrors; // error[] still from the first refresh, before borders were known
     uint32_t vertex[3];
     float error[3]; // error[j]: collapse error of edge (vertex[j], vertex[j+1 mod 3])
     Vec3 normal;
@@ -47,6 +49,21 @@ inline Vec3 normalized(Vec3 a) {
     return a;
 }
 
+// Lane-wise forms of the above: the same IEEE operations in the same order
+// (dot3 sums x, y, then z), four lanes at a time.
+inline float4 load(Vec3 a) { return make4(a.x, a.y, a.z, 0.0f); }
+// A vertex position with w = 0, read as one 16-byte load: the four bytes after
+// the position are the start of the quadric, inside the same Vertex.
+inline float4 loadPosition(const Vertex& v) {
+    static_assert(offsetof(Vertex, quadric) == offsetof(Vertex, position) + sizeof(Vec3), "layout");
+    return asFloat(asInt(loadu4(&v.position.x)) & makeInt4(-1, -1, -1, 0));
+}
+inline float4 normalized4(float4 a) {
+    const float length = std::sqrt(dot3(a, a));
+    if (length != 0.0f) return a / splat(length);
+    return a;
+}
+
 inline float det3(float a11, float a12, float a13, float a21, float a22, float a23, float a31, float a32,
                   float a33) {
     return a11 * a22 * a33 + a13 * a21 * a32 + a12 * a23 * a31 - a13 * a22 * a31 - a11 * a23 * a32 -
@@ -57,6 +74,12 @@ inline float det3(float a11, float a12, float a13, float a21, float a22, float a
 inline float vertexError(const float* q, float x, float y, float z) {
     return q[0] * x * x + 2 * q[1] * x * y + 2 * q[2] * x * z + 2 * q[3] * x + q[4] * y * y +
            2 * q[5] * y * z + 2 * q[6] * y + q[7] * z * z + 2 * q[8] * z + q[9];
+}
+
+// (iteration + 3)^aggressiveness * 1e-9 in double, rounded to float; the
+// constant is 1e-9 rounded to float.
+inline float thresholdAt(int iteration, float aggressiveness) {
+    return float(std::pow(double(iteration + 3), double(aggressiveness)) * 9.999999717180685e-10);
 }
 
 class MeshReducerPrivate {
@@ -77,6 +100,7 @@ private:
     bool flipped(Vec3 p, uint32_t otherEnd, Vertex& v, Flags& deletedFlags);
     void updateTriangles(uint32_t i0, Vertex& v, Flags& deletedFlags, uint32_t& deletedTriangles);
     void refresh(int iteration);
+    bool sameClassification(float a, float b) const;
     void markBorders();
     void compact();
 };
@@ -120,6 +144,7 @@ float MeshReducerPrivate::calculateError(uint32_t i0, uint32_t i1, Vec3& result)
 // Marks the triangles that also hold otherEnd: they vanish in the collapse.
 bool MeshReducerPrivate::flipped(Vec3 p, uint32_t otherEnd, Vertex& v, Flags& deletedFlags) {
     if (p == v.position) return false;
+    const float4 p4 = load(p);
     for (uint32_t k = 0; k < v.refCount; ++k) {
         const Ref r = refs[size_t(v.firstRef) + k];
         const Triangle& t = triangles[r.triangle];
@@ -129,12 +154,12 @@ bool MeshReducerPrivate::flipped(Vec3 p, uint32_t otherEnd, Vertex& v, Flags& de
             deletedFlags[k] = true;
             continue;
         }
-        const Vec3 d1 = normalized(vertices[a].position - p);
-        const Vec3 d2 = normalized(vertices[b].position - p);
-        if (std::fabs(dot(d1, d2)) > 0.999f) return true;
+        const float4 d1 = normalized4(loadPosition(vertices[a]) - p4);
+        const float4 d2 = normalized4(loadPosition(vertices[b]) - p4);
+        if (std::fabs(dot3(d1, d2)) > 0.999f) return true;
         deletedFlags[k] = false;
-        const Vec3 n = normalized(cross(d1, d2));
-        if (dot(n, t.normal) < 0.2f) return true;
+        const float4 n = normalized4(cross3(d1, d2));
+        if (dot3(n, load(t.normal)) < 0.2f) return true;
     }
     return false;
 }
@@ -152,11 +177,31 @@ void MeshReducerPrivate::updateTriangles(uint32_t i0, Vertex& v, Flags& deletedF
         }
         t.vertex[r.corner] = i0;
         t.dirty = true;
-        t.error[0] = calculateError(t.vertex[0], t.vertex[1], unused);
-        t.error[1] = calculateError(t.vertex[1], t.vertex[2], unused);
-        t.error[2] = calculateError(t.vertex[2], t.vertex[0], unused);
+        // Only edges at i0 change: every other vertex's live triangles were
+        // re-evaluated whenever that vertex last moved, so an edge away from
+        // i0 already holds the error a recomputation would give. Errors from
+        // the first refresh predate border marking and are all recomputed.
+        const bool all = t.preBorderErrors;
+        t.preBorderErrors = false;
+        for (int e = 0; e < 3; ++e) {
+            const uint32_t a = t.vertex[e], b = t.vertex[(e + 1) % 3];
+            if (all || a == i0 || b == i0) t.error[e] = calculateError(a, b, unused);
+        }
         refs.push_back(r);
     }
+}
+
+// True when every live edge compares the same way (below, above, equal) with
+// threshold a as with threshold b.
+bool MeshReducerPrivate::sameClassification(float a, float b) const {
+    if (a == b) return true;
+    const float lo = std::min(a, b), hi = std::max(a, b);
+    for (const Triangle& t : triangles) {
+        if (t.deleted) continue;
+        for (const float e : t.error)
+            if (e >= lo && e <= hi) return false;
+    }
+    return true;
 }
 
 void MeshReducerPrivate::refresh(int iteration) {
@@ -183,6 +228,7 @@ void MeshReducerPrivate::refresh(int iteration) {
         }
         Vec3 unused{0.0f, 0.0f, 0.0f};
         for (Triangle& t : triangles) {
+            t.preBorderErrors = true;
             t.error[0] = calculateError(t.vertex[0], t.vertex[1], unused);
             t.error[1] = calculateError(t.vertex[1], t.vertex[2], unused);
             t.error[2] = calculateError(t.vertex[2], t.vertex[0], unused);
@@ -310,13 +356,15 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
 
     uint32_t deletedTriangles = 0;
     Flags flags0, flags1;
+    bool collapsedSinceRefresh = true;
     for (int iteration = 0; iteration < 100; ++iteration) {
         if (triangleCount - deletedTriangles <= targetTriangles) break;
-        if (iteration % 5 == 0) refresh(iteration);
+        if (iteration % 5 == 0) {
+            refresh(iteration);
+            collapsedSinceRefresh = false;
+        }
         for (Triangle& t : triangles) t.dirty = false;
-
-        // (iteration + 3)^aggressiveness * 1e-9; the constant is 1e-9 rounded to float.
-        const float threshold = float(std::pow(double(iteration + 3), double(aggressiveness)) * 9.999999717180685e-10);
+        const float threshold = thresholdAt(iteration, aggressiveness);
 
         for (size_t ti = 0; ti < triangles.size(); ++ti) {
             Triangle& t = triangles[ti];
@@ -335,6 +383,7 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
                     flags1.resize(v1.refCount);
                     if (flipped(p, i1, v0, flags0) || flipped(p, i0, v1, flags1)) continue;
 
+                    collapsedSinceRefresh = true;
                     v0.position = p;
                     for (int k = 0; k < 10; ++k) v0.quadric[k] += v1.quadric[k];
                     const size_t start = refs.size();
@@ -355,6 +404,12 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
                 if (triangleCount - deletedTriangles <= targetTriangles) break;
             }
         }
+        // A pass that collapsed nothing on a freshly refreshed mesh leaves every
+        // piece of state as it found it, so the following passes repeat it
+        // exactly until the threshold crosses a stored error: skip them.
+        if (!collapsedSinceRefresh)
+            while (iteration + 1 < 100 && sameClassification(threshold, thresholdAt(iteration + 1, aggressiveness)))
+                ++iteration;
     }
 
     compact();
