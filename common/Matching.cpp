@@ -120,8 +120,9 @@ void Matching::extendTree(int v, int w) {
 void Matching::shrinkPath(int base, int v, int w) {
     int x = find(v);
     while (x != base) {
-        nodes[size_t(find(base))].base = find(x);
         const int m = mate[size_t(x)];
+        if (m < 0) return; // walked past the root: cannot happen for a symmetric graph
+        nodes[size_t(find(base))].base = find(x);
         nodes[size_t(find(base))].base = find(m);
         nodes[size_t(find(base))].base = base;
         nodes[size_t(base)].base = base;

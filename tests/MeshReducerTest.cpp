@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <map>
+#include <random>
 #include <set>
 #include <thread>
 #include <utility>
@@ -310,5 +311,31 @@ TEST(MeshReducer, RealMeshesStayClose) {
             EXPECT_LT(worst / diag, 0.05) << named.name << " " << ratio;
             EXPECT_LT(sum / double(samples) / diag, 0.005) << named.name << " " << ratio;
         }
+    }
+}
+
+TEST(MeshReducer, GarbageInputStaysInBounds) {
+    // Random soups: repeated and degenerate triangles, coincident points,
+    // non-finite coordinates. Only safety and the output invariants are checked.
+    std::mt19937 rng(2024);
+#if defined(__aarch64__) || defined(__SANITIZE_ADDRESS__)
+    const int rounds = 60;
+#else
+    const int rounds = 400;
+#endif
+    const float specials[] = {0.0f, -0.0f, 1.0f, 1e30f, -1e30f, INFINITY, NAN, 1e-30f};
+    for (int round = 0; round < rounds; ++round) {
+        const uint32_t vertexCount = 1 + rng() % 60;
+        const uint32_t indexCount = 1 + rng() % 300;
+        Mesh m;
+        for (uint32_t i = 0; i < 3 * vertexCount; ++i)
+            m.vertices.push_back(rng() % 8 == 0 ? specials[rng() % 8] : float(int(rng() % 7)) * 0.25f);
+        for (uint32_t i = 0; i < indexCount; ++i) m.indices.push_back(uint16_t(rng() % vertexCount));
+        Result r;
+        common::MeshReducer::reduce(m.vertices.data(), m.indices.data(), vertexCount, indexCount, r.vertices, r.indices,
+                                    1 + rng() % 40, float(rng() % 50), rng() % 2 == 0);
+        expectWellFormed(r);
+        EXPECT_LE(r.vertices.size(), vertexCount);
+        EXPECT_LE(r.indices.size(), size_t(indexCount / 3) * 3);
     }
 }

@@ -6,7 +6,9 @@
 #include <array>
 #include <cstdint>
 #include <cstdio>
+#include <cmath>
 #include <map>
+#include <random>
 #include <vector>
 
 #include "common/MeshReducer.h"
@@ -185,5 +187,31 @@ TEST(QuadDecomposition, RealMeshesMostlyPair) {
                 EXPECT_GT(fraction, 0.6) << named.name;
             }
         }
+    }
+}
+
+TEST(QuadDecomposition, GarbageInputStaysInBounds) {
+    std::mt19937 rng(77);
+#if defined(__aarch64__) || defined(__SANITIZE_ADDRESS__)
+    const int rounds = 100;
+#else
+    const int rounds = 1000;
+#endif
+    const float specials[] = {0.0f, 1.0f, 1e30f, INFINITY, NAN};
+    for (int round = 0; round < rounds; ++round) {
+        const uint32_t vertexCount = 1 + rng() % 12;
+        std::vector<float4> v;
+        for (uint32_t i = 0; i < vertexCount; ++i) {
+            float c[3];
+            for (float& x : c) x = rng() % 10 == 0 ? specials[rng() % 5] : float(int(rng() % 3));
+            v.push_back(make4(c[0], c[1], c[2], 1.0f));
+        }
+        std::vector<uint32_t> indices(rng() % 60);
+        for (uint32_t& i : indices) i = rng() % vertexCount;
+        const std::vector<uint32_t> quads = QuadDecomposition::decompose(indices, v);
+        EXPECT_EQ(quads.size() % 4, 0u);
+        for (const uint32_t q : quads) EXPECT_LT(q, vertexCount);
+        // Each triangle gives at most three quads (one per shared edge).
+        EXPECT_LE(quads.size(), 12 * (indices.size() / 3));
     }
 }
