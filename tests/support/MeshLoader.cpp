@@ -12,6 +12,7 @@
 
 namespace testing_support {
 
+#if defined(ZELK_TEST_HAVE_ASSIMP)
 namespace {
 
 struct PositionKey {
@@ -35,6 +36,7 @@ uint32_t keyBits(float f) {
 }
 
 } // namespace
+#endif
 
 bool loadMesh(const std::string& path, Mesh& out) {
     out = Mesh();
