@@ -1,6 +1,8 @@
 #include "common/QuadDecomposition.h"
 
+#include <algorithm>
 #include <cmath>
+#include <cstddef>
 
 #include "common/Checked.h"
 #include "common/Matching.h"
@@ -9,66 +11,67 @@ namespace common {
 
 namespace {
 
-constexpr uint32_t kNone = 0xFFFFFFFFu;
-
-// Directed edge a->b keyed (a << 32) | b, mapped to the triangles that run
-// along it (with each one's opposite corner) in insertion order. Open
-// addressing with linear probing; per-key lists are chained through the
-// entry array.
+// Directed edges a->b with, for each, the triangles that run along it and
+// their opposite corners, in triangle order. Grouped by a (counting sort,
+// stable), then by b within each group (stable): the lists of one vertex sit
+// together, which keeps look-ups of neighbouring triangles in cache, and a
+// vertex of very high valence is still searched in logarithmic time.
 class EdgeMap {
 public:
     struct Entry {
+        uint32_t to;
         uint32_t triangle;
         uint32_t opposite;
-        uint32_t next;
     };
 
-    explicit EdgeMap(size_t edgeCount) {
-        size_t capacity = 16;
-        while (capacity < edgeCount * 2) capacity = checkedMul<size_t>(capacity, 2);
-        slots.assign(capacity, Slot{0, kNone, kNone});
-        mask = capacity - 1;
-        shift = 64;
-        for (size_t c = capacity; c > 1; c >>= 1) --shift;
-        entries.reserve(edgeCount);
-    }
-
-    static uint64_t key(uint32_t a, uint32_t b) { return uint64_t(a) << 32 | b; }
-
-    void add(uint64_t k, uint32_t triangle, uint32_t opposite) {
-        const auto index = uint32_t(entries.size());
-        entries.push_back(Entry{triangle, opposite, kNone});
-        Slot& s = slots[probe(k)];
-        if (s.head == kNone) {
-            s.key = k;
-            s.head = index;
-        } else {
-            entries[s.tail].next = index;
+    EdgeMap(const std::vector<uint32_t>& indices, size_t triangleCount, size_t vertexCount) {
+        start.assign(checkedAdd<size_t>(vertexCount, 1), 0);
+        for (size_t i = 0; i < triangleCount * 3; ++i) ++start[indices[i] + size_t(1)];
+        for (size_t v = 0; v < vertexCount; ++v) start[v + 1] += start[v];
+        entries.resize(triangleCount * 3);
+        std::vector<uint32_t> cursor(start.begin(), start.end() - 1);
+        // t (a, b, c) registers a->b with opposite c, b->c with a, c->a with b.
+        for (size_t t = 0; t < triangleCount; ++t) {
+            const uint32_t* c = &indices[3 * t];
+            for (int j = 0; j < 3; ++j)
+                entries[cursor[c[j]]++] = Entry{c[(j + 1) % 3], uint32_t(t), c[(j + 2) % 3]};
         }
-        s.tail = index;
+        const auto byTarget = [](const Entry& x, const Entry& y) { return x.to < y.to; };
+        for (size_t v = 0; v < vertexCount; ++v) {
+            Entry* first = entries.data() + start[v];
+            Entry* last = entries.data() + start[v + 1];
+            if (last - first <= kLinear) {
+                for (Entry* i = first + 1; i < last; ++i) // insertion sort: stable
+                    for (Entry* j = i; j > first && byTarget(*j, *(j - 1)); --j) std::swap(*j, *(j - 1));
+            } else {
+                std::stable_sort(first, last, byTarget);
+            }
+        }
     }
 
-    // First entry of the list for k, or kNone.
-    uint32_t first(uint64_t k) const { return slots[probe(k)].head; }
-    const Entry& entry(uint32_t index) const { return entries[index]; }
+    struct List {
+        const Entry* first;
+        const Entry* last;
+    };
+
+    // The list of edge from->to (empty when no triangle has it).
+    List find(uint32_t from, uint32_t to) const {
+        const Entry* first = entries.data() + start[from];
+        const Entry* last = entries.data() + start[size_t(from) + 1];
+        if (last - first <= kLinear) {
+            while (first != last && first->to != to) ++first;
+        } else {
+            first = std::lower_bound(first, last, to, [](const Entry& e, uint32_t key) { return e.to < key; });
+        }
+        const Entry* end = first;
+        while (end != last && end->to == to) ++end;
+        return List{first, end};
+    }
 
 private:
-    struct Slot {
-        uint64_t key;
-        uint32_t head; // kNone: empty slot
-        uint32_t tail;
-    };
-
-    size_t probe(uint64_t k) const {
-        size_t i = size_t((k * 0x9E3779B97F4A7C15ull) >> shift) & mask;
-        while (slots[i].head != kNone && slots[i].key != k) i = (i + 1) & mask;
-        return i;
-    }
-
-    std::vector<Slot> slots;
+    static constexpr std::ptrdiff_t kLinear = 16;
+    std::vector<uint32_t> start; // entries of vertex v: [start[v], start[v + 1])
     std::vector<Entry> entries;
-    size_t mask = 0;
-    int shift = 64;
 };
 
 // n scaled by the unrefined reciprocal-square-root estimate of its squared
@@ -90,28 +93,22 @@ std::vector<uint32_t> QuadDecomposition::decompose(const std::vector<uint32_t>& 
     checkedCast<int32_t>(triangleCount);
     checkedCast<uint32_t>(cornerCount);
 
-    // Every directed edge, in triangle order: t (a, b, c) registers a->b with
-    // opposite c, b->c with a, c->a with b.
-    EdgeMap edges(cornerCount);
-    for (size_t t = 0; t < triangleCount; ++t) {
-        const uint32_t* c = &indices[3 * t];
-        edges.add(EdgeMap::key(c[0], c[1]), uint32_t(t), c[2]);
-        edges.add(EdgeMap::key(c[1], c[2]), uint32_t(t), c[0]);
-        edges.add(EdgeMap::key(c[2], c[0]), uint32_t(t), c[1]);
-    }
+    const EdgeMap edges(indices, triangleCount, vertices.size());
 
     // A pair is found once, by the later triangle, across an edge the two run
     // in opposite directions (consistent winding). Lists hold triangles in
     // ascending order, so stopping at a later triangle sees exactly those
     // registered so far.
     Graph graph(triangleCount);
+    for (auto& list : graph.adjacency) list.reserve(3); // a manifold triangle has at most three neighbours
     for (size_t t = 0; t < triangleCount; ++t) {
         const uint32_t* corner = &indices[3 * t];
         for (int j = 0; j < 3; ++j) {
             const uint32_t cur = corner[j], next = corner[(j + 1) % 3], third = corner[(j + 2) % 3];
             const float4 vCur = vertices[cur], vNext = vertices[next], vThird = vertices[third];
-            for (uint32_t e = edges.first(EdgeMap::key(next, cur)); e != kNone; e = edges.entry(e).next) {
-                const EdgeMap::Entry& entry = edges.entry(e);
+            const EdgeMap::List list = edges.find(next, cur);
+            for (const EdgeMap::Entry* e = list.first; e != list.last; ++e) {
+                const EdgeMap::Entry& entry = *e;
                 if (entry.triangle > t) break;
                 const float4 vOpp = vertices[entry.opposite];
                 const float4 toOpp = vOpp - vThird;
@@ -146,12 +143,12 @@ std::vector<uint32_t> QuadDecomposition::decompose(const std::vector<uint32_t>& 
         bool emitted = false;
         for (int j = 0; j < 3; ++j) {
             const uint32_t cur = corner[j], next = corner[(j + 1) % 3], third = corner[(j + 2) % 3];
-            uint32_t e = edges.first(EdgeMap::key(next, cur));
-            for (; e != kNone; e = emitted ? kNone : edges.entry(e).next) {
-                if (edges.entry(e).triangle == uint32_t(m)) break;
-            }
-            if (e == kNone) continue;
-            const uint32_t q[4] = {cur, third, next, edges.entry(e).opposite};
+            const EdgeMap::List list = edges.find(next, cur);
+            const EdgeMap::Entry* e = list.first;
+            const EdgeMap::Entry* scanEnd = emitted && list.first != list.last ? list.first + 1 : list.last;
+            while (e != scanEnd && e->triangle != uint32_t(m)) ++e;
+            if (e == scanEnd) continue;
+            const uint32_t q[4] = {cur, third, next, e->opposite};
             quads.insert(quads.end(), q, q + 4);
             emitted = true;
         }

@@ -101,6 +101,7 @@ int boostMaximum(const Graph& g) {
 }
 #endif
 
+#if defined(ZELK_TEST_HAVE_BOOST)
 // Triangle adjacency (shared undirected edge) of a mesh, lists in triangle order.
 Graph meshAdjacency(const testing_support::Mesh& mesh) {
     const size_t triangles = mesh.indices.size() / 3;
@@ -116,6 +117,7 @@ Graph meshAdjacency(const testing_support::Mesh& mesh) {
         }
     return g;
 }
+#endif
 
 } // namespace
 
