@@ -12,7 +12,7 @@ namespace common {
 
 namespace {
 
-struct Vertex {
+struct alignas(64) Vertex { // one cache line each
     bool border;       // on an open boundary of the mesh
     uint32_t firstRef; // first incident corner in refs
     uint32_t refCount; // incident corners; in the final compaction: vertex in use
