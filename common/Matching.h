@@ -23,8 +23,9 @@ struct MatchingNode {
 //
 // The whole computation runs in the constructor. The result is `mate`: for
 // every vertex its partner, or -1 when it is free; mate[mate[v]] == v. A
-// self-loop lets the greedy pass pair a vertex with itself (mate[v] == v).
-// Neighbour indices outside 0 .. n-1 are ignored.
+// self-loop lets the greedy pass pair a vertex with itself (mate[v] == v); the
+// searches never continue through such a vertex. Neighbour indices outside
+// 0 .. n-1 are ignored.
 class Matching {
 public:
     explicit Matching(const Graph& g);
