@@ -99,6 +99,13 @@ private:
     float calculateError(uint32_t i0, uint32_t i1, Vec3& result);
     bool flipped(Vec3 p, uint32_t otherEnd, Vertex& v, Flags& deletedFlags);
     void updateTriangles(uint32_t i0, Vertex& v, Flags& deletedFlags, uint32_t& deletedTriangles);
+    void prefetchTriangles(const Vertex& v) const {
+#if defined(__GNUC__)
+        for (uint32_t k = 0; k < v.refCount; ++k) __builtin_prefetch(&triangles[refs[size_t(v.firstRef) + k].triangle]);
+#else
+        (void)v;
+#endif
+    }
     void refresh(int iteration);
     bool sameClassification(float a, float b) const;
     void markBorders();
@@ -377,6 +384,10 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
                     Vertex& v1 = vertices[i1];
                     if (v0.border != v1.border) continue;
 
+                    // The flip tests walk both vertices' triangles in scattered
+                    // memory; start all those loads at once.
+                    prefetchTriangles(v0);
+                    prefetchTriangles(v1);
                     Vec3 p = v0.position;
                     calculateError(i0, i1, p);
                     flags0.resize(v0.refCount);
