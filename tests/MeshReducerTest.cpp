@@ -242,7 +242,7 @@ TEST(MeshReducer, RealMeshesStayClose) {
 TEST(MeshReducer, GarbageInputStaysInBounds) {
     // Repeated and degenerate triangles, coincident points, non-finite values.
     std::mt19937 rng(2024);
-    const float specials[] = {0.0f, -0.0f, 1.0f, 1e30f, -1e30f, INFINITY, NAN, 1e-30f};
+    const float oddValues[] = {0.0f, -0.0f, 1.0f, 1e30f, -1e30f, INFINITY, NAN, 1e-30f};
 #if defined(__aarch64__) || defined(__SANITIZE_ADDRESS__)
     for (int round = 0; round < 60; ++round) {
 #else
@@ -251,7 +251,7 @@ TEST(MeshReducer, GarbageInputStaysInBounds) {
         Mesh m;
         const uint32_t vertexCount = 1 + rng() % 60, indexCount = 1 + rng() % 300;
         for (uint32_t i = 0; i < 3 * vertexCount; ++i)
-            m.vertices.push_back(rng() % 8 == 0 ? specials[rng() % 8] : float(rng() % 7) * 0.25f);
+            m.vertices.push_back(rng() % 8 == 0 ? oddValues[rng() % 8] : float(rng() % 7) * 0.25f);
         for (uint32_t i = 0; i < indexCount; ++i) m.indices.push_back(uint16_t(rng() % vertexCount));
         const Result r = reduceMesh(m, 1 + rng() % 40, rng() % 2 == 0, float(rng() % 50));
         expectWellFormed(r);

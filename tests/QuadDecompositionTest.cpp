@@ -156,11 +156,11 @@ TEST(QuadDecomposition, MeshesPairUp) {
 
 TEST(QuadDecomposition, GarbageInputStaysInBounds) {
     std::mt19937 rng(77);
-    const float specials[] = {0.0f, 1.0f, 1e30f, INFINITY, NAN};
+    const float oddValues[] = {0.0f, 1.0f, 1e30f, INFINITY, NAN};
     for (int round = 0; round < 1000; ++round) {
         const uint32_t vertexCount = 1 + rng() % 12;
         std::vector<float> xyz;
-        for (uint32_t i = 0; i < 3 * vertexCount; ++i) xyz.push_back(rng() % 10 == 0 ? specials[rng() % 5] : float(rng() % 3));
+        for (uint32_t i = 0; i < 3 * vertexCount; ++i) xyz.push_back(rng() % 10 == 0 ? oddValues[rng() % 5] : float(rng() % 3));
         Indices indices(rng() % 60);
         for (uint32_t& i : indices) i = rng() % vertexCount;
         const Indices quads = QuadDecomposition::decompose(indices, toVectors(xyz));
