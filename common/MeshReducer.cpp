@@ -1,0 +1,465 @@
+#include "common/MeshReducer.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cmath>
+#include <mutex>
+
+#include "common/Checked.h"
+#include "common/Vec3.h"
+
+namespace common {
+
+namespace {
+
+struct alignas(64) Vertex { // one cache line each
+    bool border;       // on an open boundary of the mesh
+    uint32_t firstRef; // first incident corner in refs
+    uint32_t refCount; // incident corners; in the final compaction: vertex in use
+    Vec3 position;
+    float quadric[10]; // symmetric 4x4: aa ab ac ad bb bc bd cc cd dd
+};
+
+struct Triangle {
+    bool deleted;
+    bool dirty; // changed in this iteration: not collapsed again until the next
+    bool preBorderErrors; // error[] still from the first refresh, before borders were known
+    uint32_t vertex[3];
+    float error[3]; // error[j]: collapse error of edge (vertex[j], vertex[j+1 mod 3])
+    Vec3 normal;
+};
+
+struct Ref {
+    uint32_t triangle;
+    uint32_t corner;
+};
+
+using Flags = std::vector<bool>;
+
+inline Vec3 operator-(Vec3 a, Vec3 b) { return Vec3{a.x - b.x, a.y - b.y, a.z - b.z}; }
+inline bool operator==(Vec3 a, Vec3 b) { return a.x == b.x && a.y == b.y && a.z == b.z; }
+inline float dot(Vec3 a, Vec3 b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
+inline Vec3 cross(Vec3 a, Vec3 b) {
+    return Vec3{a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
+}
+// Divides by the length unless it is zero.
+inline Vec3 normalized(Vec3 a) {
+    const float length = std::sqrt(dot(a, a));
+    if (length != 0.0f) return Vec3{a.x / length, a.y / length, a.z / length};
+    return a;
+}
+
+// Lane-wise forms of the above: the same IEEE operations in the same order
+// (dot3 sums x, y, then z), four lanes at a time.
+inline float4 load(Vec3 a) { return make4(a.x, a.y, a.z, 0.0f); }
+// A vertex position with w = 0, read as one 16-byte load: the four bytes after
+// the position are the start of the quadric, inside the same Vertex.
+inline float4 loadPosition(const Vertex& v) {
+    static_assert(offsetof(Vertex, quadric) == offsetof(Vertex, position) + sizeof(Vec3), "layout");
+    return asFloat(asInt(loadu4(&v.position.x)) & makeInt4(-1, -1, -1, 0));
+}
+inline float4 normalized4(float4 a) {
+    const float length = std::sqrt(dot3(a, a));
+    if (length != 0.0f) return a / splat(length);
+    return a;
+}
+
+inline float det3(float a11, float a12, float a13, float a21, float a22, float a23, float a31, float a32,
+                  float a33) {
+    return a11 * a22 * a33 + a13 * a21 * a32 + a12 * a23 * a31 - a13 * a22 * a31 - a11 * a23 * a32 -
+           a12 * a21 * a33;
+}
+
+// v^T Q v for v = (x, y, z, 1).
+inline float vertexError(const float* q, float x, float y, float z) {
+    return q[0] * x * x + 2 * q[1] * x * y + 2 * q[2] * x * z + 2 * q[3] * x + q[4] * y * y +
+           2 * q[5] * y * z + 2 * q[6] * y + q[7] * z * z + 2 * q[8] * z + q[9];
+}
+
+// (iteration + 3)^aggressiveness * 1e-9 in double, rounded to float; the
+// constant is 1e-9 rounded to float.
+inline float thresholdAt(int iteration, float aggressiveness) {
+    return float(std::pow(double(iteration + 3), double(aggressiveness)) * 9.999999717180685e-10);
+}
+
+class MeshReducerPrivate {
+public:
+    std::vector<Triangle> triangles;
+    std::vector<Vertex> vertices;
+    std::vector<Ref> refs;
+    // Scratch for border marking: occurrences per vertex and the vertices met.
+    std::vector<uint32_t> neighbourCounts;
+    std::vector<uint32_t> neighbourIds;
+
+    void reduce(const float* inVertices, const uint16_t* inIndices, uint32_t vertexCount, uint32_t indexCount,
+                std::vector<float4>& outVertices, std::vector<uint32_t>& outIndices, uint32_t targetTriangles,
+                float aggressiveness, bool normalize);
+
+private:
+    float calculateError(uint32_t i0, uint32_t i1, Vec3& result);
+    bool flipped(Vec3 p, uint32_t otherEnd, Vertex& v, Flags& deletedFlags);
+    void updateTriangles(uint32_t i0, Vertex& v, Flags& deletedFlags, uint32_t& deletedTriangles);
+    void prefetchTriangles(const Vertex& v) const {
+#if defined(__GNUC__)
+        for (uint32_t k = 0; k < v.refCount; ++k) __builtin_prefetch(&triangles[refs[size_t(v.firstRef) + k].triangle]);
+#else
+        (void)v;
+#endif
+    }
+    void refresh(int iteration);
+    bool sameClassification(float a, float b) const;
+    void markBorders();
+    void compact();
+};
+
+float MeshReducerPrivate::calculateError(uint32_t i0, uint32_t i1, Vec3& result) {
+    const Vertex& v0 = vertices[i0];
+    const Vertex& v1 = vertices[i1];
+    float q[10];
+    for (int k = 0; k < 10; ++k) q[k] = v0.quadric[k] + v1.quadric[k];
+
+    if (!(v0.border && v1.border)) {
+        // The minimiser of the quadric solves a 3x3 system (Cramer's rule).
+        const float det = det3(q[0], q[1], q[2], q[1], q[4], q[5], q[2], q[5], q[7]);
+        if (det != 0.0f) {
+            const float inverse = 1.0f / det;
+            result.x = -inverse * det3(q[1], q[2], q[3], q[4], q[5], q[6], q[5], q[7], q[8]);
+            result.y = inverse * det3(q[0], q[2], q[3], q[1], q[5], q[6], q[2], q[7], q[8]);
+            result.z = -inverse * det3(q[0], q[1], q[3], q[1], q[4], q[6], q[2], q[5], q[8]);
+            return vertexError(q, result.x, result.y, result.z);
+        }
+    }
+
+    // Border edges (and singular systems) stay on the edge: an end or the midpoint.
+    const Vec3 p0 = v0.position, p1 = v1.position;
+    const Vec3 mid{(p0.x + p1.x) * 0.5f, (p0.y + p1.y) * 0.5f, (p0.z + p1.z) * 0.5f};
+    const float e0 = vertexError(q, p0.x, p0.y, p0.z);
+    const float e1 = vertexError(q, p1.x, p1.y, p1.z);
+    const float e2 = vertexError(q, mid.x, mid.y, mid.z);
+    const float inner = e2 < e1 ? e2 : e1;
+    const float m = inner < e0 ? inner : e0;
+    if (e0 == m)
+        result = p0;
+    else if (e1 == m)
+        result = p1;
+    else if (e2 == m)
+        result = mid;
+    return m;
+}
+
+// Would moving v to p fold one of its triangles over or make it a sliver?
+// Marks the triangles that also hold otherEnd: they vanish in the collapse.
+bool MeshReducerPrivate::flipped(Vec3 p, uint32_t otherEnd, Vertex& v, Flags& deletedFlags) {
+    if (p == v.position) return false;
+    const float4 p4 = load(p);
+    for (uint32_t k = 0; k < v.refCount; ++k) {
+        const Ref r = refs[size_t(v.firstRef) + k];
+        const Triangle& t = triangles[r.triangle];
+        if (t.deleted) continue;
+        const uint32_t a = t.vertex[(r.corner + 1) % 3], b = t.vertex[(r.corner + 2) % 3];
+        if (a == otherEnd || b == otherEnd) {
+            deletedFlags[k] = true;
+            continue;
+        }
+        const float4 d1 = normalized4(loadPosition(vertices[a]) - p4);
+        const float4 d2 = normalized4(loadPosition(vertices[b]) - p4);
+        if (std::fabs(dot3(d1, d2)) > 0.999f) return true;
+        deletedFlags[k] = false;
+        const float4 n = normalized4(cross3(d1, d2));
+        if (dot3(n, load(t.normal)) < 0.2f) return true;
+    }
+    return false;
+}
+
+void MeshReducerPrivate::updateTriangles(uint32_t i0, Vertex& v, Flags& deletedFlags, uint32_t& deletedTriangles) {
+    Vec3 unused{0.0f, 0.0f, 0.0f};
+    for (uint32_t k = 0; k < v.refCount; ++k) {
+        const Ref r = refs[size_t(v.firstRef) + k];
+        Triangle& t = triangles[r.triangle];
+        if (t.deleted) continue;
+        if (deletedFlags[k]) {
+            t.deleted = true;
+            ++deletedTriangles;
+            continue;
+        }
+        t.vertex[r.corner] = i0;
+        t.dirty = true;
+        // Only edges at i0 change: every other vertex's live triangles were
+        // re-evaluated whenever that vertex last moved, so an edge away from
+        // i0 already holds the error a recomputation would give. Errors from
+        // the first refresh predate border marking and are all recomputed.
+        const bool all = t.preBorderErrors;
+        t.preBorderErrors = false;
+        for (int e = 0; e < 3; ++e) {
+            const uint32_t a = t.vertex[e], b = t.vertex[(e + 1) % 3];
+            if (all || a == i0 || b == i0) t.error[e] = calculateError(a, b, unused);
+        }
+        refs.push_back(r);
+    }
+}
+
+// True when every live edge compares the same way (below, above, equal) with
+// threshold a as with threshold b.
+bool MeshReducerPrivate::sameClassification(float a, float b) const {
+    if (a == b) return true;
+    const float lo = std::min(a, b), hi = std::max(a, b);
+    for (const Triangle& t : triangles) {
+        if (t.deleted) continue;
+        for (const float e : t.error)
+            if (e >= lo && e <= hi) return false;
+    }
+    return true;
+}
+
+void MeshReducerPrivate::refresh(int iteration) {
+    if (iteration > 0) {
+        size_t kept = 0;
+        for (size_t i = 0; i < triangles.size(); ++i)
+            if (!triangles[i].deleted) triangles[kept++] = triangles[i];
+        triangles.resize(kept);
+    }
+
+    if (iteration == 0) {
+        for (Vertex& v : vertices) std::fill(v.quadric, v.quadric + 10, 0.0f);
+        for (Triangle& t : triangles) {
+            const Vec3 p0 = vertices[t.vertex[0]].position;
+            const Vec3 n = normalized(cross(vertices[t.vertex[1]].position - p0, vertices[t.vertex[2]].position - p0));
+            t.normal = n;
+            // Plane quadric, unweighted by area.
+            const float a = n.x, b = n.y, c = n.z, d = -dot(n, p0);
+            const float plane[10] = {a * a, a * b, a * c, a * d, b * b, b * c, b * d, c * c, c * d, d * d};
+            for (int j = 0; j < 3; ++j) {
+                float* q = vertices[t.vertex[j]].quadric;
+                for (int k = 0; k < 10; ++k) q[k] += plane[k];
+            }
+        }
+        Vec3 unused{0.0f, 0.0f, 0.0f};
+        for (Triangle& t : triangles) {
+            t.preBorderErrors = true;
+            t.error[0] = calculateError(t.vertex[0], t.vertex[1], unused);
+            t.error[1] = calculateError(t.vertex[1], t.vertex[2], unused);
+            t.error[2] = calculateError(t.vertex[2], t.vertex[0], unused);
+        }
+    }
+
+    // Incident corners of every vertex, contiguous and in triangle order.
+    for (Vertex& v : vertices) {
+        v.firstRef = 0;
+        v.refCount = 0;
+    }
+    for (const Triangle& t : triangles)
+        for (int j = 0; j < 3; ++j) ++vertices[t.vertex[j]].refCount;
+    uint32_t running = 0;
+    for (Vertex& v : vertices) {
+        v.firstRef = running;
+        running = checkedAdd(running, v.refCount);
+        v.refCount = 0;
+    }
+    refs.resize(checkedMul<size_t>(triangles.size(), 3));
+    for (size_t i = 0; i < triangles.size(); ++i)
+        for (uint32_t j = 0; j < 3; ++j) {
+            Vertex& v = vertices[triangles[i].vertex[j]];
+            refs[size_t(v.firstRef) + v.refCount] = Ref{uint32_t(i), j};
+            ++v.refCount;
+        }
+
+    if (iteration == 0) markBorders();
+}
+
+// A vertex that occurs exactly once among the corners of the triangles around
+// some vertex ends an open edge (a vertex with one triangle marks itself).
+// Counting in a vertex-indexed array gives the same marks as a search of the
+// neighbour list, without quadratic cost at high valence.
+void MeshReducerPrivate::markBorders() {
+    for (Vertex& v : vertices) v.border = false;
+    neighbourCounts.assign(vertices.size(), 0);
+    for (const Vertex& v : vertices) {
+        neighbourIds.clear();
+        for (uint32_t k = 0; k < v.refCount; ++k) {
+            const Triangle& t = triangles[refs[size_t(v.firstRef) + k].triangle];
+            for (int j = 0; j < 3; ++j) {
+                const uint32_t id = t.vertex[j];
+                if (neighbourCounts[id]++ == 0) neighbourIds.push_back(id);
+            }
+        }
+        for (const uint32_t id : neighbourIds) {
+            if (neighbourCounts[id] == 1) vertices[id].border = true;
+            neighbourCounts[id] = 0;
+        }
+    }
+}
+
+// Drops deleted triangles and unused vertices, renumbering in array order.
+void MeshReducerPrivate::compact() {
+    for (Vertex& v : vertices) v.refCount = 0;
+    size_t kept = 0;
+    for (size_t i = 0; i < triangles.size(); ++i) {
+        if (triangles[i].deleted) continue;
+        triangles[kept] = triangles[i];
+        for (int j = 0; j < 3; ++j) vertices[triangles[kept].vertex[j]].refCount = 1;
+        ++kept;
+    }
+    triangles.resize(kept);
+    uint32_t used = 0;
+    for (size_t i = 0; i < vertices.size(); ++i) {
+        if (vertices[i].refCount == 0) continue;
+        vertices[i].firstRef = used;
+        vertices[used].position = vertices[i].position;
+        ++used;
+    }
+    for (Triangle& t : triangles)
+        for (int j = 0; j < 3; ++j) t.vertex[j] = vertices[t.vertex[j]].firstRef;
+    vertices.resize(used);
+}
+
+void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndices, uint32_t vertexCount,
+                                uint32_t indexCount, std::vector<float4>& outVertices,
+                                std::vector<uint32_t>& outIndices, uint32_t targetTriangles, float aggressiveness,
+                                bool normalize) {
+    const uint32_t triangleCount = indexCount / 3; // whole triangles only
+    const size_t usedIndices = size_t(triangleCount) * 3;
+
+    triangles.clear();
+    vertices.clear();
+    refs.clear();
+    vertices.resize(vertexCount);
+    for (uint32_t i = 0; i < vertexCount; ++i) {
+        Vertex& v = vertices[i];
+        v.border = false;
+        v.firstRef = 0;
+        v.refCount = 0;
+        v.position = Vec3{inVertices[3 * size_t(i)], inVertices[3 * size_t(i) + 1], inVertices[3 * size_t(i) + 2]};
+        std::fill(v.quadric, v.quadric + 10, 0.0f);
+    }
+    triangles.resize(triangleCount);
+    for (size_t i = 0, t = 0; i < usedIndices; i += 3, ++t) {
+        Triangle& tri = triangles[t];
+        tri.deleted = false;
+        tri.dirty = false;
+        tri.vertex[0] = inIndices[i];
+        tri.vertex[1] = inIndices[i + 1];
+        tri.vertex[2] = inIndices[i + 2];
+    }
+
+    // Pure scale about the origin so that the error threshold means the same
+    // for every mesh size.
+    float scale = 1.0f;
+    if (normalize) {
+        Vec3 lo = vertices[0].position, hi = lo;
+        for (const Vertex& v : vertices) {
+            const Vec3 p = v.position;
+            lo = Vec3{std::min(lo.x, p.x), std::min(lo.y, p.y), std::min(lo.z, p.z)};
+            hi = Vec3{std::max(hi.x, p.x), std::max(hi.y, p.y), std::max(hi.z, p.z)};
+        }
+        scale = std::max(hi.x - lo.x, std::max(hi.y - lo.y, hi.z - lo.z));
+        if (scale != 1.0f && scale != 0.0f) {
+            const float inverse = 1.0f / scale;
+            for (Vertex& v : vertices)
+                v.position = Vec3{v.position.x * inverse, v.position.y * inverse, v.position.z * inverse};
+        } else {
+            scale = 1.0f;
+        }
+    }
+
+    uint32_t deletedTriangles = 0;
+    Flags flags0, flags1;
+    bool collapsedSinceRefresh = true;
+    for (int iteration = 0; iteration < 100; ++iteration) {
+        if (triangleCount - deletedTriangles <= targetTriangles) break;
+        if (iteration % 5 == 0) {
+            refresh(iteration);
+            collapsedSinceRefresh = false;
+        }
+        for (Triangle& t : triangles) t.dirty = false;
+        const float threshold = thresholdAt(iteration, aggressiveness);
+
+        for (size_t ti = 0; ti < triangles.size(); ++ti) {
+            Triangle& t = triangles[ti];
+            if (t.deleted || t.dirty) continue;
+            if (t.error[0] > threshold && t.error[1] > threshold && t.error[2] > threshold) continue;
+            for (int j = 0; j < 3; ++j) {
+                if (t.error[j] < threshold) {
+                    const uint32_t i0 = t.vertex[j], i1 = t.vertex[(j + 1) % 3];
+                    Vertex& v0 = vertices[i0];
+                    Vertex& v1 = vertices[i1];
+                    if (v0.border != v1.border) continue;
+
+                    // The flip tests walk both vertices' triangles in scattered
+                    // memory; start all those loads at once.
+                    prefetchTriangles(v0);
+                    prefetchTriangles(v1);
+                    Vec3 p = v0.position;
+                    calculateError(i0, i1, p);
+                    flags0.resize(v0.refCount);
+                    flags1.resize(v1.refCount);
+                    if (flipped(p, i1, v0, flags0) || flipped(p, i0, v1, flags1)) continue;
+
+                    collapsedSinceRefresh = true;
+                    v0.position = p;
+                    for (int k = 0; k < 10; ++k) v0.quadric[k] += v1.quadric[k];
+                    const size_t start = refs.size();
+                    updateTriangles(i0, v0, flags0, deletedTriangles);
+                    updateTriangles(i0, v1, flags1, deletedTriangles);
+                    const size_t added = refs.size() - start;
+                    if (added <= v0.refCount) {
+                        // Reuse the old run when the new one fits.
+                        std::copy(refs.begin() + std::ptrdiff_t(start), refs.end(),
+                                  refs.begin() + std::ptrdiff_t(v0.firstRef));
+                    } else {
+                        v0.firstRef = checkedCast<uint32_t>(start);
+                    }
+                    v0.refCount = checkedCast<uint32_t>(added);
+                    break;
+                }
+                // The target is checked only here, so a pass may overshoot it.
+                if (triangleCount - deletedTriangles <= targetTriangles) break;
+            }
+        }
+        // A pass that collapsed nothing on a freshly refreshed mesh leaves every
+        // piece of state as it found it, so the following passes repeat it
+        // exactly until the threshold crosses a stored error: skip them.
+        if (!collapsedSinceRefresh)
+            while (iteration + 1 < 100 && sameClassification(threshold, thresholdAt(iteration + 1, aggressiveness)))
+                ++iteration;
+    }
+
+    compact();
+    if (normalize && scale != 0.0f && scale != 1.0f)
+        for (Vertex& v : vertices)
+            v.position = Vec3{v.position.x * scale, v.position.y * scale, v.position.z * scale};
+
+    flags0 = Flags();
+    flags1 = Flags();
+    if (vertices.empty() || triangles.empty()) return;
+    outVertices.resize(vertices.size());
+    for (size_t i = 0; i < vertices.size(); ++i) {
+        const Vec3 p = vertices[i].position;
+        outVertices[i] = make4(p.x, p.y, p.z, 1.0f);
+    }
+    outIndices.resize(checkedMul<size_t>(triangles.size(), 3));
+    for (size_t t = 0; t < triangles.size(); ++t)
+        for (size_t j = 0; j < 3; ++j) outIndices[3 * t + j] = triangles[t].vertex[j];
+}
+
+// Working storage shared by every call; its arrays keep their capacity.
+MeshReducerPrivate gStorage;
+std::mutex gStorageMutex;
+
+} // namespace
+
+void MeshReducer::reduce(const float* vertices, const uint16_t* indices, uint32_t vertexCount, uint32_t indexCount,
+                         std::vector<float4>& outVertices, std::vector<uint32_t>& outIndices,
+                         uint32_t targetTriangles, float aggressiveness, bool normalize) {
+    if (!vertices || !indices || vertexCount == 0 || indexCount == 0 || targetTriangles == 0) return;
+    // 16-bit indices cannot leave a vertex array of 65,536 or more.
+    if (vertexCount < 65536) {
+        const size_t usedIndices = size_t(indexCount / 3) * 3;
+        for (size_t i = 0; i < usedIndices; ++i)
+            if (indices[i] >= vertexCount) return;
+    }
+    const std::lock_guard<std::mutex> lock(gStorageMutex);
+    gStorage.reduce(vertices, indices, vertexCount, indexCount, outVertices, outIndices, targetTriangles,
+                    aggressiveness, normalize);
+}
+
+} // namespace common

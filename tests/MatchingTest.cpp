@@ -1,0 +1,179 @@
+#include "common/Matching.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <utility>
+#include <vector>
+
+#include "support/MeshLoader.h"
+
+#if defined(ZELK_TEST_HAVE_BOOST)
+#include <boost/graph/adjacency_list.hpp>
+#include <boost/graph/max_cardinality_matching.hpp>
+#endif
+
+namespace {
+
+#if defined(__aarch64__) || defined(__SANITIZE_ADDRESS__)
+constexpr int kRounds = 2000; // qemu and the sanitizers are 10-30x slower
+#else
+constexpr int kRounds = 20000;
+#endif
+
+using Edges = std::vector<std::pair<int, int>>;
+
+Graph makeGraph(int n, const Edges& edges, std::mt19937* shuffle = nullptr) {
+    Graph g{size_t(n)};
+    for (const auto& e : edges) g.addEdge(e.first, e.second);
+    if (shuffle)
+        for (auto& list : g.adjacency) std::shuffle(list.begin(), list.end(), *shuffle);
+    return g;
+}
+
+// Maximum matching size over all vertex subsets, smallest vertex first.
+int bruteForceMaximum(int n, const Edges& edges) {
+    std::vector<uint32_t> adjacent(size_t(n), 0);
+    for (const auto& e : edges) adjacent[size_t(e.first)] |= 1u << e.second, adjacent[size_t(e.second)] |= 1u << e.first;
+    std::vector<int> best(size_t(1) << n, 0);
+    for (uint32_t mask = 1; mask < (1u << n); ++mask) {
+        const int i = __builtin_ctz(mask);
+        const uint32_t rest = mask & ~(1u << i);
+        best[mask] = best[rest];
+        for (uint32_t m = adjacent[size_t(i)] & rest; m; m &= m - 1)
+            best[mask] = std::max(best[mask], 1 + best[rest & ~(1u << __builtin_ctz(m))]);
+    }
+    return best.back();
+}
+
+// Pairs of a matching, checked to be symmetric and made of graph edges (-1 if not).
+int pairCount(const Graph& g, const std::vector<int32_t>& mate) {
+    int pairs = 0;
+    for (size_t v = 0; v < mate.size(); ++v) {
+        const int32_t m = mate[v];
+        if (m == -1) continue;
+        const auto& adj = g.adjacency[v];
+        if (m < 0 || size_t(m) >= g.size() || mate[size_t(m)] != int32_t(v) ||
+            std::find(adj.begin(), adj.end(), m) == adj.end())
+            return -1;
+        pairs += size_t(m) > v;
+    }
+    return pairs;
+}
+
+Edges randomEdges(std::mt19937& rng, int n, int count) {
+    Edges edges;
+    while (int(edges.size()) < count) {
+        const int a = int(rng() % uint32_t(n)), b = int(rng() % uint32_t(n));
+        if (a != b) edges.emplace_back(a, b); // duplicates allowed
+    }
+    return edges;
+}
+
+} // namespace
+
+TEST(Matching, WorkedCases) {
+    // 0-1, 0-2, 2-3 with 0 listing 2 first: greedy takes 0-2, the search from 1
+    // finds 3-2-0-1 and flips it; 3 is then matched and not searched.
+    Graph g(4);
+    g.adjacency = {{2, 1}, {0}, {0, 3}, {2}};
+    EXPECT_EQ(Matching(g).mate, (std::vector<int32_t>{1, 0, 3, 2}));
+    // Five-cycle: greedy 0-1, 2-3; 4 stays free.
+    EXPECT_EQ(Matching(makeGraph(5, {{0, 1}, {1, 2}, {2, 3}, {3, 4}, {4, 0}})).mate,
+              (std::vector<int32_t>{1, 0, 3, 2, -1}));
+    //   4 - 0 = 1 - 3 - 5    greedy pairs 0-1 and 2-3. From 4 the search meets 3
+    //            \ /         before 2, so 1-3-2 closes a blossom (base 1); 5 is
+    //             2          found from 3 and the path crosses the bridge:
+    //                        5 3 2 1 0 4.
+    g = Graph(6);
+    g.adjacency = {{1, 4}, {0, 3, 2}, {3, 1}, {1, 2, 5}, {0}, {3}};
+    EXPECT_EQ(Matching(g).mate, (std::vector<int32_t>{4, 2, 1, 5, 0, 3}));
+    // Empty graph; a self-loop pairs its vertex with itself in the greedy pass
+    // and a later search must neither use it nor hang; out-of-range entries
+    // are ignored.
+    EXPECT_TRUE(Matching(Graph()).mate.empty());
+    g = Graph(4);
+    g.adjacency = {{0, 1}, {0, 2}, {1, 3}, {2}};
+    EXPECT_EQ(Matching(g).mate, (std::vector<int32_t>{0, 2, 1, -1}));
+    g = Graph(2);
+    g.adjacency = {{7, -3, 1}, {0, 2}};
+    EXPECT_EQ(Matching(g).mate, (std::vector<int32_t>{1, 0}));
+}
+
+TEST(Matching, EqualsBruteForce) {
+    std::mt19937 rng(12345);
+    // Every graph on up to 6 vertices, adjacency lists shuffled.
+    for (int n = 1; n <= 6; ++n) {
+        Edges all;
+        for (int a = 0; a < n; ++a)
+            for (int b = a + 1; b < n; ++b) all.emplace_back(a, b);
+        for (uint32_t subset = 0; subset < (1u << all.size()); ++subset) {
+            Edges edges;
+            for (size_t e = 0; e < all.size(); ++e)
+                if (subset >> e & 1) edges.push_back(all[e]);
+            const Graph g = makeGraph(n, edges, &rng);
+            ASSERT_EQ(pairCount(g, Matching(g).mate), bruteForceMaximum(n, edges)) << n << " " << subset;
+        }
+    }
+    // Random graphs of 7 to 14 vertices, sparse to dense (Petersen-like and worse).
+    for (int round = 0; round < kRounds; ++round) {
+        const int n = 7 + round % 8;
+        const Edges edges = randomEdges(rng, n, 1 + int(rng() % uint32_t(2 * n)));
+        const Graph g = makeGraph(n, edges, &rng);
+        ASSERT_EQ(pairCount(g, Matching(g).mate), bruteForceMaximum(n, edges)) << round;
+    }
+    // One-sided, self and out-of-range entries: still a symmetric pairing.
+    for (int round = 0; round < kRounds / 10; ++round) {
+        const int n = 1 + int(rng() % 40);
+        Graph g{size_t(n)};
+        for (auto& list : g.adjacency)
+            for (int k = int(rng() % 6); k > 0; --k) list.push_back(int32_t(rng() % uint32_t(n + 3)) - 1);
+        const std::vector<int32_t> mate = Matching(g).mate;
+        for (int v = 0; v < n; ++v) {
+            const int32_t m = mate[size_t(v)];
+            ASSERT_TRUE(m == -1 || (m >= 0 && m < n && mate[size_t(m)] == v)) << v;
+        }
+    }
+}
+
+TEST(Matching, EqualsBoostEdmonds) {
+#if !defined(ZELK_TEST_HAVE_BOOST)
+    GTEST_SKIP() << "Boost Graph not available";
+#else
+    const auto boostMaximum = [](const Graph& g) {
+        using BoostGraph = boost::adjacency_list<boost::vecS, boost::vecS, boost::undirectedS>;
+        BoostGraph bg(g.size());
+        for (size_t v = 0; v < g.size(); ++v)
+            for (const int32_t w : g.adjacency[v])
+                if (size_t(w) > v) boost::add_edge(v, size_t(w), bg);
+        std::vector<boost::graph_traits<BoostGraph>::vertex_descriptor> mate(g.size());
+        boost::edmonds_maximum_cardinality_matching(bg, &mate[0]);
+        return int(boost::matching_size(bg, &mate[0]));
+    };
+    std::mt19937 rng(99);
+    for (int round = 0; round < kRounds / 100; ++round) {
+        const int n = 50 + int(rng() % 2000);
+        const Graph g = makeGraph(n, randomEdges(rng, n, int(n * (0.5 + (rng() % 100) / 40.0))));
+        ASSERT_EQ(pairCount(g, Matching(g).mate), boostMaximum(g)) << round;
+    }
+    // Triangle adjacency (shared undirected edges) of real meshes.
+    for (const auto& named : testing_support::loadRealMeshes()) {
+        const auto& idx = named.mesh.indices;
+        Edges edges;
+        std::vector<std::pair<std::pair<int, int>, int>> sides;
+        for (size_t c = 0; c < idx.size(); ++c) {
+            const int a = idx[c], b = idx[c % 3 == 2 ? c - 2 : c + 1];
+            sides.push_back({{std::min(a, b), std::max(a, b)}, int(c / 3)});
+        }
+        std::sort(sides.begin(), sides.end());
+        for (size_t i = 0; i < sides.size(); ++i)
+            for (size_t j = i + 1; j < sides.size() && sides[j].first == sides[i].first; ++j)
+                edges.emplace_back(sides[i].second, sides[j].second);
+        const Graph g = makeGraph(int(idx.size() / 3), edges);
+        const int size = pairCount(g, Matching(g).mate);
+        if (2 * size_t(size) == g.size()) continue; // perfect, so maximum (and Boost is slow on the bunny)
+        EXPECT_EQ(size, boostMaximum(g)) << named.name;
+    }
+#endif
+}
