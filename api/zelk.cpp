@@ -48,8 +48,7 @@ ZELK_API int zelkStartNewFrame(const float* frameParams, const float* viewProjec
 ZELK_API int zelkSubmitOccluder(const float* vertices, const uint16_t* indices, uint32_t vertexCount,
                                 uint32_t indexCount, RigidType rigidType, const float* model) {
     ZELKPrivate* engine = ZELKPrivate::Get();
-    if (engine == nullptr || vertices == nullptr || indices == nullptr || vertexCount == 0 || indexCount == 0)
-        return 0;
+    if (engine == nullptr || vertices == nullptr || indices == nullptr || vertexCount == 0 || indexCount == 0) return 0;
     const auto rigid = static_cast<ZELKPrivate::RigidType>(static_cast<uint32_t>(rigidType));
     return engine->submitOccluder(vertices, indices, vertexCount, indexCount, rigid, model) ? 1 : 0;
 }

@@ -34,10 +34,7 @@ extern "C" {
 /* Whether a mesh's arrays stay unchanged while their addresses are in use.
  * Rigid meshes are simplified and cached on the background thread; every
  * value other than ZELK_RIGID is treated as non-rigid. */
-typedef enum RigidType {
-    ZELK_RIGID = 0,
-    ZELK_NON_RIGID = 1
-} RigidType;
+typedef enum RigidType { ZELK_RIGID = 0, ZELK_NON_RIGID = 1 } RigidType;
 
 /*
  * Creates the engine if needed and sets the depth-buffer size and the near

@@ -45,8 +45,7 @@ void submitFrame(benchmark::State& state, RigidType rigid, bool cached) {
     for (auto _ : state) {
         zelkStartNewFrame(kParams, kIdentity);
         for (const auto& m : scene.meshes)
-            zelkSubmitOccluder(m.vertices.data(), m.indices.data(), m.vertexCount(), m.indexCount(), rigid,
-                               kIdentity);
+            zelkSubmitOccluder(m.vertices.data(), m.indices.data(), m.vertexCount(), m.indexCount(), rigid, kIdentity);
         const auto& frame = ZELK::ZELKPrivate::peek()->getFrameInfo();
         recorded = frame.rawOccluders.size() + frame.cachedOccluders.size();
     }

@@ -11,8 +11,8 @@
 
 namespace {
 
-using util::MaskedOcclusionCulling;
 using testing_support::CityScene;
+using util::MaskedOcclusionCulling;
 
 // Sums what the rasterizer asks for; nothing is released while a frame lives,
 // so the sum is the peak.
@@ -96,7 +96,8 @@ void BM_MaskedOcclusionCulling_query(benchmark::State& state) {
         benchmark::DoNotOptimize(visible);
     }
     // Every pass must give the same answers as the check above.
-    if (visible != int64_t(state.iterations()) * int64_t(count - size_t(hidden))) state.SkipWithError("unstable answers");
+    if (visible != int64_t(state.iterations()) * int64_t(count - size_t(hidden)))
+        state.SkipWithError("unstable answers");
     state.counters["hiddenFound"] = hidden;
     state.SetItemsProcessed(int64_t(state.iterations()) * int64_t(count));
 }

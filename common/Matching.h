@@ -59,9 +59,9 @@ private:
     std::vector<std::pair<int32_t, int32_t>> bridge;
 
     struct PathFrame {
-        size_t start;    // where the reversed segment begins
-        int32_t next;    // continue from here ...
-        int32_t target;  // ... up to this ancestor
+        size_t start;   // where the reversed segment begins
+        int32_t next;   // continue from here ...
+        int32_t target; // ... up to this ancestor
     };
     std::vector<PathFrame> pathStack;
 };

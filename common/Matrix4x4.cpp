@@ -26,15 +26,14 @@ Matrix4x4 Matrix4x4::operator*(const Matrix4x4& b) const {
     Matrix4x4 r;
     for (int j = 0; j < 4; ++j) {
         const float4 c = b.columns[j];
-        r.columns[j] = ((columns[0] * splatLane<0>(c) + columns[1] * splatLane<1>(c)) +
-                        columns[2] * splatLane<2>(c)) + columns[3] * splatLane<3>(c);
+        r.columns[j] = ((columns[0] * splatLane<0>(c) + columns[1] * splatLane<1>(c)) + columns[2] * splatLane<2>(c)) +
+                       columns[3] * splatLane<3>(c);
     }
     return r;
 }
 
 float4 Matrix4x4::transformPoint(float4 p) const {
-    return ((columns[0] * splatLane<0>(p) + columns[1] * splatLane<1>(p)) + columns[2] * splatLane<2>(p)) +
-           columns[3];
+    return ((columns[0] * splatLane<0>(p) + columns[1] * splatLane<1>(p)) + columns[2] * splatLane<2>(p)) + columns[3];
 }
 
 } // namespace common

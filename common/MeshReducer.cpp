@@ -1,8 +1,8 @@
 #include "common/MeshReducer.h"
 
 #include <algorithm>
-#include <cstddef>
 #include <cmath>
+#include <cstddef>
 #include <mutex>
 
 #include "common/Checked.h"
@@ -13,16 +13,16 @@ namespace common {
 namespace {
 
 struct alignas(64) Vertex { // one cache line each
-    bool border;       // on an open boundary of the mesh
-    uint32_t firstRef; // first incident corner in refs
-    uint32_t refCount; // incident corners; in the final compaction: vertex in use
+    bool border;            // on an open boundary of the mesh
+    uint32_t firstRef;      // first incident corner in refs
+    uint32_t refCount;      // incident corners; in the final compaction: vertex in use
     Vec3 position;
     float quadric[10]; // symmetric 4x4: aa ab ac ad bb bc bd cc cd dd
 };
 
 struct Triangle {
     bool deleted;
-    bool dirty; // changed in this iteration: not collapsed again until the next
+    bool dirty;           // changed in this iteration: not collapsed again until the next
     bool preBorderErrors; // error[] still from the first refresh, before borders were known
     uint32_t vertex[3];
     float error[3]; // error[j]: collapse error of edge (vertex[j], vertex[j+1 mod 3])
@@ -39,9 +39,7 @@ using Flags = std::vector<bool>;
 inline Vec3 operator-(Vec3 a, Vec3 b) { return Vec3{a.x - b.x, a.y - b.y, a.z - b.z}; }
 inline bool operator==(Vec3 a, Vec3 b) { return a.x == b.x && a.y == b.y && a.z == b.z; }
 inline float dot(Vec3 a, Vec3 b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
-inline Vec3 cross(Vec3 a, Vec3 b) {
-    return Vec3{a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
-}
+inline Vec3 cross(Vec3 a, Vec3 b) { return Vec3{a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x}; }
 // Divides by the length unless it is zero.
 inline Vec3 normalized(Vec3 a) {
     const float length = std::sqrt(dot(a, a));
@@ -64,16 +62,14 @@ inline float4 normalized4(float4 a) {
     return a;
 }
 
-inline float det3(float a11, float a12, float a13, float a21, float a22, float a23, float a31, float a32,
-                  float a33) {
-    return a11 * a22 * a33 + a13 * a21 * a32 + a12 * a23 * a31 - a13 * a22 * a31 - a11 * a23 * a32 -
-           a12 * a21 * a33;
+inline float det3(float a11, float a12, float a13, float a21, float a22, float a23, float a31, float a32, float a33) {
+    return a11 * a22 * a33 + a13 * a21 * a32 + a12 * a23 * a31 - a13 * a22 * a31 - a11 * a23 * a32 - a12 * a21 * a33;
 }
 
 // v^T Q v for v = (x, y, z, 1).
 inline float vertexError(const float* q, float x, float y, float z) {
-    return q[0] * x * x + 2 * q[1] * x * y + 2 * q[2] * x * z + 2 * q[3] * x + q[4] * y * y +
-           2 * q[5] * y * z + 2 * q[6] * y + q[7] * z * z + 2 * q[8] * z + q[9];
+    return q[0] * x * x + 2 * q[1] * x * y + 2 * q[2] * x * z + 2 * q[3] * x + q[4] * y * y + 2 * q[5] * y * z +
+           2 * q[6] * y + q[7] * z * z + 2 * q[8] * z + q[9];
 }
 
 // (iteration + 3)^aggressiveness * 1e-9 in double, rounded to float; the
@@ -425,8 +421,7 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
 
     compact();
     if (normalize && scale != 0.0f && scale != 1.0f)
-        for (Vertex& v : vertices)
-            v.position = Vec3{v.position.x * scale, v.position.y * scale, v.position.z * scale};
+        for (Vertex& v : vertices) v.position = Vec3{v.position.x * scale, v.position.y * scale, v.position.z * scale};
 
     flags0 = Flags();
     flags1 = Flags();
@@ -448,8 +443,8 @@ std::mutex gStorageMutex;
 } // namespace
 
 void MeshReducer::reduce(const float* vertices, const uint16_t* indices, uint32_t vertexCount, uint32_t indexCount,
-                         std::vector<float4>& outVertices, std::vector<uint32_t>& outIndices,
-                         uint32_t targetTriangles, float aggressiveness, bool normalize) {
+                         std::vector<float4>& outVertices, std::vector<uint32_t>& outIndices, uint32_t targetTriangles,
+                         float aggressiveness, bool normalize) {
     if (!vertices || !indices || vertexCount == 0 || indexCount == 0 || targetTriangles == 0) return;
     // 16-bit indices cannot leave a vertex array of 65,536 or more.
     if (vertexCount < 65536) {

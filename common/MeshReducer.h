@@ -25,9 +25,8 @@ public:
     // below vertexCount, or when nothing is left (pass them in empty).
     //
     // Thread-safe: the process-wide working storage is taken under a lock.
-    static void reduce(const float* vertices, const uint16_t* indices, uint32_t vertexCount,
-                       uint32_t indexCount, std::vector<float4>& outVertices,
-                       std::vector<uint32_t>& outIndices, uint32_t targetTriangles,
+    static void reduce(const float* vertices, const uint16_t* indices, uint32_t vertexCount, uint32_t indexCount,
+                       std::vector<float4>& outVertices, std::vector<uint32_t>& outIndices, uint32_t targetTriangles,
                        float aggressiveness, bool normalize);
 };
 

@@ -11,8 +11,8 @@ namespace common {
 // in corner-major order so that a rasteriser decodes four quads per vector.
 // Immutable once built; shared between the baking and the render thread.
 struct Occluder {
-    float4 center;   // (boundsMin + boundsMax) / 2, w = 1
-    float4 refMin;   // quantisation box
+    float4 center; // (boundsMin + boundsMax) / 2, w = 1
+    float4 refMin; // quantisation box
     float4 refMax;
     float4 boundsMin; // w = 1
     float4 boundsMax; // w = 1

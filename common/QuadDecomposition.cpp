@@ -33,8 +33,7 @@ public:
         // t (a, b, c) registers a->b with opposite c, b->c with a, c->a with b.
         for (size_t t = 0; t < triangleCount; ++t) {
             const uint32_t* c = &indices[3 * t];
-            for (int j = 0; j < 3; ++j)
-                entries[cursor[c[j]]++] = Entry{c[(j + 1) % 3], uint32_t(t), c[(j + 2) % 3]};
+            for (int j = 0; j < 3; ++j) entries[cursor[c[j]]++] = Entry{c[(j + 1) % 3], uint32_t(t), c[(j + 2) % 3]};
         }
         const auto byTarget = [](const Entry& x, const Entry& y) { return x.to < y.to; };
         for (size_t v = 0; v < vertexCount; ++v) {

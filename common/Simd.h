@@ -30,22 +30,48 @@
 namespace common {
 
 #if defined(ZELK_NEON)
-struct float4 { float32x4_t v; };
-struct int4 { int32x4_t v; };
-struct ushort8 { uint16x8_t v; };
+struct float4 {
+    float32x4_t v;
+};
+struct int4 {
+    int32x4_t v;
+};
+struct ushort8 {
+    uint16x8_t v;
+};
 #elif defined(ZELK_SSE41)
-struct float4 { __m128 v; };
-struct int4 { __m128i v; };
-struct ushort8 { __m128i v; };
+struct float4 {
+    __m128 v;
+};
+struct int4 {
+    __m128i v;
+};
+struct ushort8 {
+    __m128i v;
+};
 #else
-struct alignas(16) float4 { float v[4]; };
-struct alignas(16) int4 { int32_t v[4]; };
-struct alignas(16) ushort8 { uint16_t v[8]; };
+struct alignas(16) float4 {
+    float v[4];
+};
+struct alignas(16) int4 {
+    int32_t v[4];
+};
+struct alignas(16) ushort8 {
+    uint16_t v[8];
+};
 #endif
 
 namespace simd_detail {
-ZELK_INLINE uint32_t floatBits(float f) { uint32_t u; std::memcpy(&u, &f, 4); return u; }
-ZELK_INLINE float bitsFloat(uint32_t u) { float f; std::memcpy(&f, &u, 4); return f; }
+ZELK_INLINE uint32_t floatBits(float f) {
+    uint32_t u;
+    std::memcpy(&u, &f, 4);
+    return u;
+}
+ZELK_INLINE float bitsFloat(uint32_t u) {
+    float f;
+    std::memcpy(&f, &u, 4);
+    return f;
+}
 // Scalar models of the NEON instructions; the scalar backend is built from them.
 ZELK_INLINE float minLane(float a, float b) {
     if (a != a) return a;
@@ -424,8 +450,7 @@ ZELK_INLINE __m128d fmaOdd(__m128d a, __m128d b, __m128d c) {
     const __m128d bv = _mm_sub_pd(s, p); // TwoSum error term
     const __m128d e = _mm_add_pd(_mm_sub_pd(p, _mm_sub_pd(s, bv)), _mm_sub_pd(c, bv));
     const __m128i sBits = _mm_castpd_si128(s);
-    const __m128i inexact = _mm_castpd_si128(
-        _mm_and_pd(_mm_cmpneq_pd(e, _mm_setzero_pd()), _mm_cmpord_pd(e, e)));
+    const __m128i inexact = _mm_castpd_si128(_mm_and_pd(_mm_cmpneq_pd(e, _mm_setzero_pd()), _mm_cmpord_pd(e, e)));
     const __m128i evenLsb = _mm_cmpeq_epi64(_mm_and_si128(sBits, _mm_set1_epi64x(1)), _mm_setzero_si128());
     // Step one ulp toward the exact value: up in magnitude when e has s's sign.
     const __m128i opposite = _mm_srli_epi64(_mm_xor_si128(sBits, _mm_castpd_si128(e)), 63);
@@ -825,7 +850,8 @@ template <int N> ZELK_INLINE int4 shiftRightArithmetic(int4 a) {
         return {_mm_srai_epi32(a.v, N)};
 #else
         int4 r;
-        for (int i = 0; i < 4; ++i) r.v[i] = a.v[i] < 0 ? ~int32_t(~uint32_t(a.v[i]) >> N) : int32_t(uint32_t(a.v[i]) >> N);
+        for (int i = 0; i < 4; ++i)
+            r.v[i] = a.v[i] < 0 ? ~int32_t(~uint32_t(a.v[i]) >> N) : int32_t(uint32_t(a.v[i]) >> N);
         return r;
 #endif
     }

@@ -17,8 +17,8 @@ namespace ZELK {
 class ZELKFrameInfo {
 public:
     int64_t frameIndex = 0;
-    uint32_t plainCount = 0; // raw occluders drawn this frame
-    uint32_t rapidCount = 0; // cached groups drawn at the last rapid redraw
+    uint32_t plainCount = 0;                  // raw occluders drawn this frame
+    uint32_t rapidCount = 0;                  // cached groups drawn at the last rapid redraw
     uint8_t frameParamsPrefix[3] = {0, 0, 0}; // kept, never read
     common::Matrix4x4 viewProjection = common::Matrix4x4::zero();
     common::Matrix4x4 previousViewProjection = common::Matrix4x4::zero();
@@ -31,8 +31,8 @@ public:
     // raw otherwise. A raw submission with an index >= vertexCount is
     // rejected (false, nothing recorded); cached meshes were checked before
     // they were baked. A null model gives an all-zero matrix.
-    bool submitOccluder(const float* vertices, const uint16_t* indices, uint32_t vertexCount,
-                        uint32_t indexCount, bool rigid, const float* model);
+    bool submitOccluder(const float* vertices, const uint16_t* indices, uint32_t vertexCount, uint32_t indexCount,
+                        bool rigid, const float* model);
 
     // True when the rapid depth buffer must be redrawn: the camera changed, or
     // the cached instances are not those of the previous frame. Lists of equal

@@ -69,7 +69,7 @@ bool ZELKPrivate::submitOccluder(const float* vertices, const uint16_t* indices,
 
 bool crossesNearPlane(const common::Matrix4x4& viewProjection, float nearPlane, const float* box) {
     using namespace common;
-    const float4 lo = loadu4(box), hi = loadu4(box + 2); // floats 0..3 and 2..5
+    const float4 lo = loadu4(box), hi = loadu4(box + 2);                          // floats 0..3 and 2..5
     if (!allTrue(cmpEq(lo - lo, zero4()) & cmpEq(hi - hi, zero4()))) return true; // inf or NaN
     // Clip w of the eight corners, summed in the order the box test uses.
     const float4 xs = make4(box[0], box[3], box[0], box[3]);

@@ -60,8 +60,7 @@ private:
 // it holds occluders. The buffer with more occluders (the rapid one on a tie)
 // is asked first, being the likelier to reject; the answer is the AND of both.
 template <typename PlainQuery, typename RapidQuery>
-bool combineVisibility(uint32_t plainCount, uint32_t rapidCount, PlainQuery&& plainVisible,
-                       RapidQuery&& rapidVisible) {
+bool combineVisibility(uint32_t plainCount, uint32_t rapidCount, PlainQuery&& plainVisible, RapidQuery&& rapidVisible) {
     if (plainCount == 0 && rapidCount == 0) return true;
     if (plainCount == 0) return rapidVisible();
     if (rapidCount == 0) return plainVisible();

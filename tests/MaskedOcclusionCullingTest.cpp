@@ -129,7 +129,7 @@ TEST(MaskedOcclusionCulling, ResolutionAndMemory) {
     EXPECT_NEAR(tile(*m, 1, 1).referenceDepth[3], 1.0f, kDepthTolerance);
     m->SetResolution(33, 5); // same size again still reallocates
     EXPECT_EQ(CountingAlloc::allocations, 3);
-    m->SetResolution(0, 0);  // frees and leaves no buffer
+    m->SetResolution(0, 0); // frees and leaves no buffer
     EXPECT_EQ(CountingAlloc::frees, 2);
     m->ClearBuffer();
     EXPECT_FALSE(m->ReadTile(0, 0, t));
@@ -260,8 +260,10 @@ TEST(MaskedOcclusionCulling, CoverageMatchesReferenceExactly) {
     // each centre on the diagonal goes to exactly one half, so every subtile
     // is finished.
     auto q = makeMoc(64, 16);
-    render(*q, {{{0, 32, 32}, {0, 0, 16}, {2, 2, 2}}, {{0, 32, 0}, {0, 16, 16}, {2, 2, 2}},
-                {{32, 64, 32}, {0, 16, 16}, {2, 2, 2}}, {{32, 64, 64}, {0, 0, 16}, {2, 2, 2}}});
+    render(*q, {{{0, 32, 32}, {0, 0, 16}, {2, 2, 2}},
+                {{0, 32, 0}, {0, 16, 16}, {2, 2, 2}},
+                {{32, 64, 32}, {0, 16, 16}, {2, 2, 2}},
+                {{32, 64, 64}, {0, 0, 16}, {2, 2, 2}}});
     for (const Moc::TileData& d : allTiles(*q))
         for (int lane = 0; lane < 4; ++lane) EXPECT_NEAR(d.referenceDepth[lane], 0.5f, kDepthTolerance);
 }
@@ -290,7 +292,8 @@ TEST(MaskedOcclusionCulling, RandomScenesAreConservative) {
         for (size_t i = 0; i < tiles.size(); ++i)
             for (int lane = 0; lane < 4; ++lane)
                 for (int p = 0; p < 32 && tiles[i].referenceDepth[lane] != -1.0f; ++p) {
-                    const double d = ref.depth(int(i % (w / 32)) * 32 + lane * 8 + p % 8, int(i / (w / 32)) * 4 + p / 8);
+                    const double d =
+                        ref.depth(int(i % (w / 32)) * 32 + lane * 8 + p % 8, int(i / (w / 32)) * 4 + p / 8);
                     ASSERT_LE(tiles[i].referenceDepth[lane], d + kDepthTolerance * d) << scene;
                 }
         // A rectangle reported hidden is behind the geometry at every pixel it touches.
@@ -323,8 +326,10 @@ TEST(MaskedOcclusionCulling, Clipping) {
     // One vertex far beyond the left, right, bottom, top plane in turn: the
     // drawn pixels follow the unclipped triangle to within a pixel (the
     // clipped vertices snap anew).
-    const Tri crossing[4] = {{{-300, 100, 60}, {30, 10, 55}, {1, 1, 1}}, {{20, 500, 60}, {10, 30, 60}, {1, 1, 1}},
-                             {{10, 120, 64}, {50, 20, 250}, {1, 1, 1}}, {{10, 120, 70}, {40, 50, -200}, {1, 1, 1}}};
+    const Tri crossing[4] = {{{-300, 100, 60}, {30, 10, 55}, {1, 1, 1}},
+                             {{20, 500, 60}, {10, 30, 60}, {1, 1, 1}},
+                             {{10, 120, 64}, {50, 20, 250}, {1, 1, 1}},
+                             {{10, 120, 70}, {40, 50, -200}, {1, 1, 1}}};
     for (const Tri& t : crossing) {
         m->ClearBuffer();
         EXPECT_EQ(render(*m, {t}, Moc::WindingKeepBoth, Moc::ClipAll), Moc::Visible);
@@ -427,8 +432,9 @@ TEST(MaskedOcclusionCulling, WindingLayoutsAndResults) {
     }
     const float swapXY[16] = {0, 1, 0, 0, 1, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
     auto a = makeMoc(96, 48), b = makeMoc(96, 48), c = makeMoc(96, 48);
-    EXPECT_EQ(a->RenderTriangles(packed.data(), indices.data(), 30, nullptr, Moc::WindingKeepBoth, Moc::ClipAll, kPacked),
-              Moc::Visible);
+    EXPECT_EQ(
+        a->RenderTriangles(packed.data(), indices.data(), 30, nullptr, Moc::WindingKeepBoth, Moc::ClipAll, kPacked),
+        Moc::Visible);
     b->RenderTriangles(strided.data(), indices.data(), 30, nullptr, Moc::WindingKeepBoth, Moc::ClipAll, {24, 8, 20});
     c->RenderTriangles(swapped.data(), indices.data(), 30, swapXY, Moc::WindingKeepBoth, Moc::ClipAll, kPacked);
     EXPECT_TRUE(sameTiles(*a, *b));
@@ -440,7 +446,7 @@ TEST(MaskedOcclusionCulling, RectangleAndBoxTests) {
     EXPECT_EQ(m->TestRect(-0.5f, -0.5f, 0.5f, 0.5f, 3.0f), Moc::Visible);
     // wmin in (-1, 0): 1/wmin < -1 is behind even the cleared buffer.
     EXPECT_EQ(m->TestRect(-0.5f, -0.5f, 0.5f, 0.5f, -0.5f), Moc::Occluded);
-    EXPECT_EQ(m->TestRect(-0.5f, -0.5f, 0.5f, 0.5f, 0.0f), Moc::Visible); // 1/0 = +inf
+    EXPECT_EQ(m->TestRect(-0.5f, -0.5f, 0.5f, 0.5f, 0.0f), Moc::Visible);  // 1/0 = +inf
     EXPECT_EQ(m->TestRect(-3.0f, -0.5f, -2.0f, 0.5f, 3.0f), Moc::Visible); // clamped onto column 0
     // Inverted: pixels 76 .. 51 give tile bounds 64 .. 64; 70 .. 67 do not.
     EXPECT_EQ(m->TestRect(0.2f, -0.5f, -0.2f, 0.5f, 3.0f), Moc::OutsideView);
@@ -450,8 +456,8 @@ TEST(MaskedOcclusionCulling, RectangleAndBoxTests) {
     render(*m, {{{0, 16, 0}, {0, 0, 8}, {2, 2, 2}}});
     // Exactly pixels [0, 8) x [0, 4): x up to (7.5 - 64) / 64, y down to (32 - 3.5) / 32.
     const float x1 = (7.5f - 64) / 64, y0 = (32 - 3.5f) / 32;
-    EXPECT_EQ(m->TestRect(-1, y0, x1, 1, 4.0f), Moc::Occluded); // 0.25 behind 0.5
-    EXPECT_EQ(m->TestRect(-1, y0, x1, 1, 2.0f), Moc::Visible);  // level with it
+    EXPECT_EQ(m->TestRect(-1, y0, x1, 1, 4.0f), Moc::Occluded);              // 0.25 behind 0.5
+    EXPECT_EQ(m->TestRect(-1, y0, x1, 1, 2.0f), Moc::Visible);               // level with it
     EXPECT_EQ(m->TestRect(-1, y0, (8.5f - 64) / 64, 1, 4.0f), Moc::Visible); // unfinished subtile 1
     EXPECT_EQ(m->TestRect(-1, (32 - 4.5f) / 32, x1, 1, 4.0f), Moc::Visible); // untouched tile row 1
 

@@ -35,7 +35,8 @@ Graph makeGraph(int n, const Edges& edges, std::mt19937* shuffle = nullptr) {
 // Maximum matching size over all vertex subsets, smallest vertex first.
 int bruteForceMaximum(int n, const Edges& edges) {
     std::vector<uint32_t> adjacent(size_t(n), 0);
-    for (const auto& e : edges) adjacent[size_t(e.first)] |= 1u << e.second, adjacent[size_t(e.second)] |= 1u << e.first;
+    for (const auto& e : edges)
+        adjacent[size_t(e.first)] |= 1u << e.second, adjacent[size_t(e.second)] |= 1u << e.first;
     std::vector<int> best(size_t(1) << n, 0);
     for (uint32_t mask = 1; mask < (1u << n); ++mask) {
         const int i = __builtin_ctz(mask);

@@ -1,10 +1,10 @@
-#include "common/Checked.h"
 #include "common/Matrix4x4.h"
+#include "common/Checked.h"
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <array>
+#include <cmath>
 #include <limits>
 
 using common::Matrix4x4;

@@ -54,7 +54,9 @@ Mesh makeSphere(int rings, int segments, float radius) {
     for (int r = 1; r < rings; ++r)
         for (int s = 0; s < segments; ++s) point(M_PI * r / rings, 2 * M_PI * s / segments);
     point(M_PI, 0);
-    const auto at = [&](int r, int s) { return uint16_t(r == 0 ? 0 : r == rings ? m.vertexCount() - 1 : 1 + (r - 1) * segments + s % segments); };
+    const auto at = [&](int r, int s) {
+        return uint16_t(r == 0 ? 0 : r == rings ? m.vertexCount() - 1 : 1 + (r - 1) * segments + s % segments);
+    };
     for (int r = 0; r < rings; ++r)
         for (int s = 0; s < segments; ++s) {
             const uint16_t a = at(r, s), b = at(r + 1, s), c = at(r + 1, s + 1), d = at(r, s + 1);
@@ -226,7 +228,8 @@ TEST(MeshReducer, RealMeshesStayClose) {
             for (size_t v = 0; v < r.vertices.size(); v += step) {
                 const D3 p{lane<0>(r.vertices[v]), lane<1>(r.vertices[v]), lane<2>(r.vertices[v])};
                 double best = INFINITY;
-                for (size_t t = 0; t < m.indices.size(); t += 3) best = std::min(best, triangleDistance(p, in(t), in(t + 1), in(t + 2)));
+                for (size_t t = 0; t < m.indices.size(); t += 3)
+                    best = std::min(best, triangleDistance(p, in(t), in(t + 1), in(t + 2)));
                 worst = std::max(worst, best / diagonal);
                 sum += best / diagonal;
             }

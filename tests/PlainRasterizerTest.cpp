@@ -1,7 +1,7 @@
 #include "util/PlainRasterizer.h"
 
-#include "util/MaskedOcclusionCulling.h"
 #include "support/TestMeshes.h"
+#include "util/MaskedOcclusionCulling.h"
 
 #include <gtest/gtest.h>
 
@@ -40,9 +40,8 @@ TEST(PlainRasterizer, RendersWholeTrianglesOnly) {
     r.setModelViewProjection(flatScreen());
     // Three triangles, counter-clockwise in normalized coordinates, one in
     // each third of the screen (tile columns 0-1, 2-3, 4-5).
-    const float v[27] = {-0.95f, -0.9f, 0, -0.4f, -0.9f, 0, -0.7f, 0.9f, 0,
-                         -0.3f, -0.9f, 0, 0.3f, -0.9f, 0, 0.0f, 0.9f, 0,
-                         0.4f, -0.9f, 0, 0.95f, -0.9f, 0, 0.7f, 0.9f, 0};
+    const float v[27] = {-0.95f, -0.9f, 0,    -0.4f, -0.9f, 0,     -0.7f, 0.9f,  0,     -0.3f, -0.9f, 0,    0.3f, -0.9f,
+                         0,      0.0f,  0.9f, 0,     0.4f,  -0.9f, 0,     0.95f, -0.9f, 0,     0.7f,  0.9f, 0};
     const uint16_t idx[9] = {0, 1, 2, 3, 4, 5, 6, 7, 8};
     r.render(v, idx, 9, 2); // two indices: no whole triangle
     EXPECT_FALSE(anythingIn(*r.masked(), 0, 6));

@@ -86,8 +86,8 @@ TEST(QuadDecomposition, SmallCases) {
     // not relative: a right-angle fold of tiny triangles pairs, a gentle fold of
     // huge ones does not.
     const auto pairs = [](float size, float h) {
-        const Indices q = QuadDecomposition::decompose(
-            {0, 1, 2, 2, 1, 3}, toVectors({0, 0, 0, size, 0, 0, 0, size, 0, size, size, h}));
+        const Indices q = QuadDecomposition::decompose({0, 1, 2, 2, 1, 3},
+                                                       toVectors({0, 0, 0, size, 0, 0, 0, size, 0, size, size, h}));
         return q.size() == 4;
     };
     EXPECT_TRUE(pairs(1, 0.3f));
@@ -134,7 +134,8 @@ TEST(QuadDecomposition, MeshesPairUp) {
                                     reducedVertices, reduced, uint32_t(0.55f * float(m.vertexCount())), 35.0f, true);
         for (const bool isReduced : {false, true}) {
             const Indices& indices = isReduced ? reduced : original;
-            const Indices quads = QuadDecomposition::decompose(indices, isReduced ? reducedVertices : toVectors(m.vertices));
+            const Indices quads =
+                QuadDecomposition::decompose(indices, isReduced ? reducedVertices : toVectors(m.vertices));
             // Reduction can leave a triangle and its mirror image, which share
             // three reversed edges; welded inputs have no such pairs.
             const size_t unpaired = checkCover(indices, quads, !isReduced);
@@ -160,7 +161,8 @@ TEST(QuadDecomposition, GarbageInputStaysInBounds) {
     for (int round = 0; round < 1000; ++round) {
         const uint32_t vertexCount = 1 + rng() % 12;
         std::vector<float> xyz;
-        for (uint32_t i = 0; i < 3 * vertexCount; ++i) xyz.push_back(rng() % 10 == 0 ? oddValues[rng() % 5] : float(rng() % 3));
+        for (uint32_t i = 0; i < 3 * vertexCount; ++i)
+            xyz.push_back(rng() % 10 == 0 ? oddValues[rng() % 5] : float(rng() % 3));
         Indices indices(rng() % 60);
         for (uint32_t& i : indices) i = rng() % vertexCount;
         const Indices quads = QuadDecomposition::decompose(indices, toVectors(xyz));

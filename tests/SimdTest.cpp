@@ -27,8 +27,8 @@ uint32_t bits(float f) {
 ::testing::AssertionResult sameFloat(float expected, float actual) {
     if (std::isnan(expected) && std::isnan(actual)) return ::testing::AssertionSuccess();
     if (bits(expected) == bits(actual)) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "expected " << expected << " (0x" << std::hex << bits(expected)
-                                         << ") got " << actual << " (0x" << bits(actual) << ")";
+    return ::testing::AssertionFailure() << "expected " << expected << " (0x" << std::hex << bits(expected) << ") got "
+                                         << actual << " (0x" << bits(actual) << ")";
 }
 
 struct Lanes {
@@ -42,8 +42,9 @@ Lanes toLanes(float4 a) {
 }
 
 std::vector<float> interestingFloats() {
-    return {0.0f, -0.0f, 1.0f, -1.0f, 0.5f, -2.5f, 3.5f, 1e-40f, -1e-40f, 1e30f, -1e30f, 3.4e38f, -3.4e38f,
-            kInf, -kInf, kNaN, 2147483520.0f, 2147483648.0f, -2147483648.0f, -2147483904.0f, 16777217.0f, 0.1f};
+    return {0.0f,          -0.0f,         1.0f,           -1.0f,          0.5f,        -2.5f, 3.5f,  1e-40f,
+            -1e-40f,       1e30f,         -1e30f,         3.4e38f,        -3.4e38f,    kInf,  -kInf, kNaN,
+            2147483520.0f, 2147483648.0f, -2147483648.0f, -2147483904.0f, 16777217.0f, 0.1f};
 }
 
 // Runs op lane-wise over every pair drawn from values, four pairs per call.
@@ -70,10 +71,14 @@ TEST(Simd, ArithmeticMatchesScalarIEEE) {
     std::mt19937 rng(1234);
     std::uniform_real_distribution<float> dist(-1000.0f, 1000.0f);
     for (int i = 0; i < 40; ++i) values.push_back(dist(rng));
-    checkBinary(values, [](float4 a, float4 b) { return a + b; }, [](float a, float b) { return a + b; }, "add");
-    checkBinary(values, [](float4 a, float4 b) { return a - b; }, [](float a, float b) { return a - b; }, "sub");
-    checkBinary(values, [](float4 a, float4 b) { return a * b; }, [](float a, float b) { return a * b; }, "mul");
-    checkBinary(values, [](float4 a, float4 b) { return a / b; }, [](float a, float b) { return a / b; }, "div");
+    checkBinary(
+        values, [](float4 a, float4 b) { return a + b; }, [](float a, float b) { return a + b; }, "add");
+    checkBinary(
+        values, [](float4 a, float4 b) { return a - b; }, [](float a, float b) { return a - b; }, "sub");
+    checkBinary(
+        values, [](float4 a, float4 b) { return a * b; }, [](float a, float b) { return a * b; }, "mul");
+    checkBinary(
+        values, [](float4 a, float4 b) { return a / b; }, [](float a, float b) { return a / b; }, "div");
 
     const Lanes n = toLanes(-make4(1.0f, 0.0f, -kInf, -2.0f));
     EXPECT_TRUE(sameFloat(-1.0f, n.v[0]));
@@ -113,8 +118,8 @@ TEST(Simd, FusedMultiplyAddRoundsOnce) {
         const Lanes r = toLanes(fmadd(loadu4(x), loadu4(y), loadu4(z)));
         for (int k = 0; k < 4; ++k) ASSERT_TRUE(sameFloat(std::fma(x[k], y[k], z[k]), r.v[k]));
     }
-    const Lanes special = toLanes(fmadd(make4(kInf, 0.0f, kNaN, 1e30f), make4(1.0f, kInf, 1.0f, 1e30f),
-                                        make4(-kInf, 1.0f, 1.0f, -kInf)));
+    const Lanes special =
+        toLanes(fmadd(make4(kInf, 0.0f, kNaN, 1e30f), make4(1.0f, kInf, 1.0f, 1e30f), make4(-kInf, 1.0f, 1.0f, -kInf)));
     EXPECT_TRUE(std::isnan(special.v[0]));
     EXPECT_TRUE(std::isnan(special.v[1]));
     EXPECT_TRUE(std::isnan(special.v[2]));
@@ -133,8 +138,10 @@ TEST(Simd, MinMaxPropagateNaNAndOrderSignedZeros) {
         return a > b ? a : b;
     };
     const std::vector<float> values = interestingFloats();
-    checkBinary(values, [](float4 a, float4 b) { return min(a, b); }, refMin, "min");
-    checkBinary(values, [](float4 a, float4 b) { return max(a, b); }, refMax, "max");
+    checkBinary(
+        values, [](float4 a, float4 b) { return min(a, b); }, refMin, "min");
+    checkBinary(
+        values, [](float4 a, float4 b) { return max(a, b); }, refMax, "max");
 
     EXPECT_TRUE(std::isnan(horizontalMin(make4(1.0f, kNaN, -5.0f, 3.0f))));
     EXPECT_TRUE(std::isnan(horizontalMax(make4(1.0f, 2.0f, 3.0f, kNaN))));
@@ -264,7 +271,7 @@ TEST(Simd, IntegerArithmeticWrapsAndShiftsFollowNeon) {
     EXPECT_EQ(6, lane<0>(andNot(splatInt(7), splatInt(1))));
     EXPECT_EQ(~5, lane<0>(~splatInt(5)));
     EXPECT_EQ(-1, lane<2>(min(big, splatInt(0))));
-    EXPECT_EQ(0, lane<2>(minUnsigned(big, splatInt(0))));     // 0xFFFFFFFF is the largest unsigned
+    EXPECT_EQ(0, lane<2>(minUnsigned(big, splatInt(0)))); // 0xFFFFFFFF is the largest unsigned
     EXPECT_EQ(-1, lane<2>(maxUnsigned(big, splatInt(5))));
     EXPECT_EQ(INT32_MIN, lane<1>(maxUnsigned(big, splatInt(5))));
     EXPECT_EQ(7, lane<3>(max(big, splatInt(0))));

@@ -42,9 +42,9 @@ TEST_F(FrameFixture, SubmissionsAreSortedByCacheState) {
 
     cache->cache(verts.data(), idx.data(), std::make_shared<common::OccluderGroup>());
     submit(idx, true, model);
-    submit(idx, true, nullptr);  // same mesh twice in a frame: two records
-    submit(idx, false, model);   // non-rigid: always raw
-    submit(idx2, true, model);   // other index array: not cached
+    submit(idx, true, nullptr); // same mesh twice in a frame: two records
+    submit(idx, false, model);  // non-rigid: always raw
+    submit(idx2, true, model);  // other index array: not cached
     EXPECT_EQ(3u, frame.rawOccluders.size());
     ASSERT_EQ(2u, frame.cachedOccluders.size());
     EXPECT_TRUE(frame.cachedOccluders[1].model == common::Matrix4x4::zero()); // null model: zeros, not identity

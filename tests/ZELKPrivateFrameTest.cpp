@@ -66,11 +66,11 @@ struct FrameFixture : ::testing::Test {
 TEST_F(FrameFixture, WallHidesWhatIsBehindItOnly) {
     const Wall wall(-5, -5, 5, 5, 10);
     const std::vector<float> boxes = {
-        -1, -1, -22, 1, 1, -20,   // behind the wall's middle
-        -1, -1, -6, 1, 1, -4,     // in front of it
-        12, -1, -22, 14, 1, -20,  // beside it (projects right of the wall's edge)
-        -1, -1, -22, 1, 1, -9.5f, // reaches in front of the wall
-        7, -1, -22, 9, 1, -20,    // behind, inside the wall's silhouette (7/20 < 5/10)
+        -1, -1, -22, 1,  1, -20,   // behind the wall's middle
+        -1, -1, -6,  1,  1, -4,    // in front of it
+        12, -1, -22, 14, 1, -20,   // beside it (projects right of the wall's edge)
+        -1, -1, -22, 1,  1, -9.5f, // reaches in front of the wall
+        7,  -1, -22, 9,  1, -20,   // behind, inside the wall's silhouette (7/20 < 5/10)
     };
     const std::vector<bool> expected = {false, true, true, true, false};
     EXPECT_EQ(expected, frame({&wall}, boxes));
@@ -99,7 +99,7 @@ TEST_F(FrameFixture, BoxesAroundTheCameraAreVisible) {
     const std::vector<float> boxes = {
         -1, -1, -30, 1, 1, 1,      // from behind the wall to behind the eye
         -1, -1, -30, 1, 1, -0.05f, // in front of the eye but nearer than the near plane
-        3, 3, 5, 4, 4, 6,          // wholly behind the camera
+        3,  3,  5,   4, 4, 6,      // wholly behind the camera
         -1, -1, -30, 1, 1, -20,    // ordinary hidden box
     };
     const std::vector<bool> result = frame({&wall}, boxes);
@@ -134,8 +134,13 @@ TEST_F(FrameFixture, ConfigurationChangesKeepAnswersRight) {
 TEST_F(FrameFixture, HostGarbageNeverCrashes) {
     std::mt19937 rng(42);
     std::uniform_real_distribution<float> any(-1e6f, 1e6f);
-    const float specials[] = {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity(),
-                              -std::numeric_limits<float>::infinity(), 3.4e38f, -3.4e38f, 0.0f, 1e-38f};
+    const float specials[] = {std::numeric_limits<float>::quiet_NaN(),
+                              std::numeric_limits<float>::infinity(),
+                              -std::numeric_limits<float>::infinity(),
+                              3.4e38f,
+                              -3.4e38f,
+                              0.0f,
+                              1e-38f};
     auto pick = [&] { return rng() % 4 == 0 ? specials[rng() % 7] : any(rng); };
     // 65,536 vertices: as many as 16-bit indices reach, so that a vertex count
     // claimed beyond that is never walked past the array.

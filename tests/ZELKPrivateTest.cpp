@@ -31,9 +31,9 @@ TEST_F(EngineFixture, InitLimits) {
         uint32_t w, h;
         float n;
     };
-    for (const Bad& bad : {Bad{1928, 1080, 0.1f}, Bad{1920, 1088, 0.1f}, Bad{0, 8, 0.1f}, Bad{8, 0, 0.1f},
-                           Bad{12, 8, 0.1f}, Bad{8, 12, 0.1f}, Bad{8, 8, -0.001f}, Bad{8, 8, -INFINITY},
-                           Bad{0xFFFFFFF8u, 8, 0.1f}}) {
+    for (const Bad& bad :
+         {Bad{1928, 1080, 0.1f}, Bad{1920, 1088, 0.1f}, Bad{0, 8, 0.1f}, Bad{8, 0, 0.1f}, Bad{12, 8, 0.1f},
+          Bad{8, 12, 0.1f}, Bad{8, 8, -0.001f}, Bad{8, 8, -INFINITY}, Bad{0xFFFFFFF8u, 8, 0.1f}}) {
         ASSERT_EQ(1, zelkInit(64, 64, 1.0f));
         EXPECT_EQ(0, zelkInit(bad.w, bad.h, bad.n)) << bad.w << "x" << bad.h << " " << bad.n;
         EXPECT_EQ(nullptr, ZELKPrivate::peek()); // the existing engine is gone too
@@ -127,7 +127,15 @@ TEST(CombineVisibility, AsksTheFullerBufferFirstAndAndsTheAnswers) {
     auto ask = [&](uint32_t p, uint32_t r, bool plainAnswer, bool rapidAnswer) {
         calls.clear();
         return ZELK::combineVisibility(
-            p, r, [&] { calls += 'p'; return plainAnswer; }, [&] { calls += 'r'; return rapidAnswer; });
+            p, r,
+            [&] {
+                calls += 'p';
+                return plainAnswer;
+            },
+            [&] {
+                calls += 'r';
+                return rapidAnswer;
+            });
     };
     EXPECT_TRUE(ask(0, 0, false, false));
     EXPECT_EQ("", calls);
@@ -158,14 +166,14 @@ TEST(NearPlaneGuard, BoxesReachingTheEyeAreFlagged) {
         bool crosses;
     };
     const Case cases[] = {
-        {{-1, -1, -5, 1, 1, -4}, 0.1f, false},       // w in [4, 5]
-        {{-1, -1, -5, 1, 1, 1}, 0.1f, true},         // reaches behind the eye
-        {{-1, -1, -5, 1, 1, -0.05f}, 0.1f, true},    // in front of the eye, nearer than 0.1
-        {{-1, -1, -5, 1, 1, -0.1f}, 0.1f, false},    // exactly at the near distance
-        {{-1, -1, -5, 1, 1, 0}, 0.0f, true},         // touches the eye: w = 0
-        {{-1, -1, 2, 1, 1, 3}, 0.1f, true},          // wholly behind
+        {{-1, -1, -5, 1, 1, -4}, 0.1f, false},         // w in [4, 5]
+        {{-1, -1, -5, 1, 1, 1}, 0.1f, true},           // reaches behind the eye
+        {{-1, -1, -5, 1, 1, -0.05f}, 0.1f, true},      // in front of the eye, nearer than 0.1
+        {{-1, -1, -5, 1, 1, -0.1f}, 0.1f, false},      // exactly at the near distance
+        {{-1, -1, -5, 1, 1, 0}, 0.0f, true},           // touches the eye: w = 0
+        {{-1, -1, 2, 1, 1, 3}, 0.1f, true},            // wholly behind
         {{-1e30f, -1, -5, 1e30f, 1, -4}, 0.1f, false}, // huge but in front
-        {{-1, -1, -5, 1, 1, -4}, nan, true},          // no usable near distance
+        {{-1, -1, -5, 1, 1, -4}, nan, true},           // no usable near distance
         {{nan, -1, -5, 1, 1, -4}, 0.1f, true},
         {{-1, -1, -5, 1, inf, -4}, 0.1f, true},
         {{-1, -1, -inf, 1, 1, -4}, 0.1f, true},

@@ -6,7 +6,7 @@ set -euo pipefail
 
 packages=(cmake ninja-build g++ make)
 if [ "${1:-all}" != demo ]; then
-  packages+=(libgtest-dev libbenchmark-dev binutils g++-aarch64-linux-gnu qemu-user
+  packages+=(clang-format libgtest-dev libbenchmark-dev binutils g++-aarch64-linux-gnu qemu-user
              libboost-graph-dev libassimp-dev assimp-testmodels glmark2-data libmeshoptimizer-dev)
 fi
 

@@ -6,6 +6,9 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 tools/install-deps.sh
 
+# Formatting is part of the tests: a diff against .clang-format fails the run.
+git ls-files '*.h' '*.cpp' '*.c' | xargs clang-format --dry-run -Werror
+
 presets=("$@")
 [ ${#presets[@]} -eq 0 ] && presets=(release scalar asan tsan aarch64)
 jobs=$(nproc)

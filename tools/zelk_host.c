@@ -23,9 +23,9 @@ int main(void) {
     static const uint16_t wallIndices[] = {0, 1, 2, 0, 2, 3};
     static const float identity[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
     static const float boxes[3 * 6] = {
-        -1, -1, -22, 1, 1, -20, /* straight behind the wall */
-        -1, -1, -6, 1, 1, -4,   /* in front of it */
-        12, -1, -22, 14, 1, -20 /* beside it */
+        -1, -1, -22, 1,  1, -20, /* straight behind the wall */
+        -1, -1, -6,  1,  1, -4,  /* in front of it */
+        12, -1, -22, 14, 1, -20  /* beside it */
     };
     static const char* const names[3] = {"hidden box", "front box", "side box"};
     const float frameParams[4] = {0, 0, 0, 0};

@@ -125,9 +125,9 @@ struct Edge {
     int32_t yTop, yBottom; // pixel rows [yTop, yBottom) whose centres it spans
     int32_t baseNumerator; // numerator of the event at row 0, less 2*dx*row
     int32_t twiceDx, denominator;
-    int4 event;            // rows of the current tile row
-    int4 step;             // four rows
-    int4 outside;          // event used for rows it does not span
+    int4 event;   // rows of the current tile row
+    int4 step;    // four rows
+    int4 outside; // event used for rows it does not span
 };
 
 ZELK_INLINE void setupEdge(Edge& e, int32_t ux, int32_t uy, int32_t lx, int32_t ly, int32_t outside) {
@@ -157,8 +157,8 @@ ZELK_INLINE void startEdge(Edge& e, int32_t firstRow) {
     static const int4 kRowLanes = common::makeInt4(0, 1, 2, 3);
     const int4 rows = common::splatInt(firstRow) + kRowLanes;
     int4 q, r;
-    floorDivMod(common::splatInt(e.baseNumerator) + rows * common::splatInt(e.twiceDx),
-                common::splatInt(e.denominator), q, r);
+    floorDivMod(common::splatInt(e.baseNumerator) + rows * common::splatInt(e.twiceDx), common::splatInt(e.denominator),
+                q, r);
     e.event = common::shiftLeft<kEventFracBits>(q) + r;
 }
 
@@ -173,8 +173,8 @@ ZELK_INLINE void advanceEdge(Edge& e) {
 }
 
 ZELK_INLINE int4 rowEvent(const Edge& e, int4 rows) {
-    const int4 inside = common::andNot(common::cmpGt(common::splatInt(e.yBottom), rows),
-                                       common::cmpGt(common::splatInt(e.yTop), rows));
+    const int4 inside =
+        common::andNot(common::cmpGt(common::splatInt(e.yBottom), rows), common::cmpGt(common::splatInt(e.yTop), rows));
     return common::select(inside, e.event, e.outside);
 }
 
@@ -236,9 +236,8 @@ private:
     int ClipTriangleAndAddToBuffer(float4 vX[3], float4 vY[3], float4 vW[3], ClippedTriangle* ring, int& writeIndex,
                                    unsigned& laneMask, unsigned clipLanes, ClipPlanes clipPlaneMask) const;
     int projectAndRasterize(float4 vX[3], float4 vY[3], float4 vW[3], unsigned laneMask, BackfaceWinding winding);
-    template <bool TestZ>
-    int RasterizeTriangleBatch(float4 pVtxX[3], float4 pVtxY[3], float4 pVtxZ[3], unsigned laneMask,
-                               const ScissorRect& scissor);
+    template <bool TestZ> int RasterizeTriangleBatch(float4 pVtxX[3], float4 pVtxY[3], float4 pVtxZ[3],
+                                                     unsigned laneMask, const ScissorRect& scissor);
     void rasterizeTriangle(const float* xs, const float* ys, const float* zs, float zx, float zy, int32_t bbMinX,
                            int32_t bbMaxX, int32_t bbMinY, int32_t bbMaxY);
     template <int TestZ, int NRight, int NLeft>
@@ -460,10 +459,9 @@ int MaskedOcclusionCullingPrivate::projectAndRasterize(float4 vX[3], float4 vY[3
     return RasterizeTriangleBatch<false>(sx, sy, sz, laneMask, fullscreenScissor);
 }
 
-int MaskedOcclusionCullingPrivate::RenderTriangles(const float* vertices, const uint16_t* triangles,
-                                                   int triangleCount, const float* modelToClip,
-                                                   BackfaceWinding winding, ClipPlanes clipPlaneMask,
-                                                   const VertexLayout& layout) {
+int MaskedOcclusionCullingPrivate::RenderTriangles(const float* vertices, const uint16_t* triangles, int triangleCount,
+                                                   const float* modelToClip, BackfaceWinding winding,
+                                                   ClipPlanes clipPlaneMask, const VertexLayout& layout) {
     const bool packed = layout.stride == 16 && layout.offsetY == 4 && layout.offsetW == 12;
     if (triangleCount < 1 || vertices == nullptr || triangles == nullptr) return OutsideView;
 
@@ -555,8 +553,7 @@ int MaskedOcclusionCullingPrivate::RenderTriangles(const float* vertices, const 
     const float4 c2 = modelViewProjection.columns[2], c3 = modelViewProjection.columns[3];
     for (size_t i = 0; i < count; ++i) {
         const float* p = vertices + 3 * i;
-        const float4 clip =
-            (common::splat(p[0]) * c0 + common::splat(p[1]) * c1) + (c3 + common::splat(p[2]) * c2);
+        const float4 clip = (common::splat(p[0]) * c0 + common::splat(p[1]) * c1) + (c3 + common::splat(p[2]) * c2);
         common::store4(transformed + 4 * i, clip);
     }
     if (needed > count) std::memset(transformed + 4 * count, 0, (needed - count) * 4 * sizeof(float));
@@ -567,9 +564,9 @@ int MaskedOcclusionCullingPrivate::RenderTriangles(const float* vertices, const 
 
 // ---------------------------------------------------------------- rasterization
 
-template <bool TestZ>
-int MaskedOcclusionCullingPrivate::RasterizeTriangleBatch(float4 pVtxX[3], float4 pVtxY[3], float4 pVtxZ[3],
-                                                          unsigned laneMask, const ScissorRect& scissor) {
+template <bool TestZ> int MaskedOcclusionCullingPrivate::RasterizeTriangleBatch(float4 pVtxX[3], float4 pVtxY[3],
+                                                                                float4 pVtxZ[3], unsigned laneMask,
+                                                                                const ScissorRect& scissor) {
     static_assert(!TestZ, "only the writing form is used");
     static const int4 kTileMaskX = common::splatInt(~31);
     static const int4 kTileMaskY = common::splatInt(~3);
@@ -597,8 +594,8 @@ int MaskedOcclusionCullingPrivate::RasterizeTriangleBatch(float4 pVtxX[3], float
     const float4 depthLimit = common::splat(kDepthLimit);
     int4 drawable = common::splatInt(-1);
     for (int k = 0; k < 3; ++k) {
-        drawable = drawable & common::cmpLe(common::abs(pVtxX[k]), limit) & common::cmpLe(common::abs(pVtxY[k]), limit) &
-                   common::cmpLe(common::abs(pVtxZ[k]), depthLimit);
+        drawable = drawable & common::cmpLe(common::abs(pVtxX[k]), limit) &
+                   common::cmpLe(common::abs(pVtxY[k]), limit) & common::cmpLe(common::abs(pVtxZ[k]), depthLimit);
     }
     const unsigned drawMask = laneMask & common::signMask(drawable);
     if (drawMask == 0) return Visible;
@@ -735,11 +732,11 @@ void MaskedOcclusionCullingPrivate::rasterizeTriangle(const float* xs, const flo
                 const int rowBase = row * tilesWidth;
                 if (useUpper && useLower) {
                     if (midRight)
-                        TraverseScanline<0, 2, 1>(first, end, rowBase, rightIdx, leftIdx, events, zTriMin, zTriMax,
-                                                  iz0, zxTile);
+                        TraverseScanline<0, 2, 1>(first, end, rowBase, rightIdx, leftIdx, events, zTriMin, zTriMax, iz0,
+                                                  zxTile);
                     else
-                        TraverseScanline<0, 1, 2>(first, end, rowBase, rightIdx, leftIdx, events, zTriMin, zTriMax,
-                                                  iz0, zxTile);
+                        TraverseScanline<0, 1, 2>(first, end, rowBase, rightIdx, leftIdx, events, zTriMin, zTriMax, iz0,
+                                                  zxTile);
                 } else {
                     const int r = midRight ? (useUpper ? 0 : 1) : rightIdx;
                     const int l = midRight ? leftIdx : (useUpper ? 1 : 2);
@@ -843,8 +840,7 @@ bool MaskedOcclusionCullingPrivate::Query(const float* boundsMin, const float* b
     const int components[3] = {0, 1, 3};
     for (int i = 0; i < 3; ++i) {
         const int k = components[i];
-        const float4 base =
-            (common::splat(c[12 + k]) + common::splat(c[k]) * xs) + common::splat(c[4 + k]) * ys;
+        const float4 base = (common::splat(c[12 + k]) + common::splat(c[k]) * xs) + common::splat(c[4 + k]) * ys;
         clip[i][0] = base + common::splat(c[8 + k]) * zLow;
         clip[i][1] = base + common::splat(c[8 + k]) * zHigh;
     }
@@ -887,8 +883,8 @@ void MaskedOcclusionCulling::Destroy(MaskedOcclusionCulling* object) {
     release(self);
 }
 
-void GatherVertices(float4 vX[3], float4 vY[3], float4 vW[3], const float* vertices, const uint16_t* indices,
-                    int count, const MaskedOcclusionCulling::VertexLayout& layout) {
+void GatherVertices(float4 vX[3], float4 vY[3], float4 vW[3], const float* vertices, const uint16_t* indices, int count,
+                    const MaskedOcclusionCulling::VertexLayout& layout) {
     alignas(16) float xs[3][4], ys[3][4], ws[3][4];
     for (int k = 0; k < 3; ++k) {
         common::store4(xs[k], vX[k]);

@@ -41,7 +41,15 @@ public:
     // drops area <= 0, bit 2 drops area > 0.
     enum BackfaceWinding { WindingKeepBoth = 0, WindingKeepPositive = 1, WindingKeepNonPositive = 2 };
 
-    enum ClipPlanes { ClipNone = 0, ClipNear = 1, ClipLeft = 2, ClipRight = 4, ClipBottom = 8, ClipTop = 16, ClipAll = 31 };
+    enum ClipPlanes {
+        ClipNone = 0,
+        ClipNear = 1,
+        ClipLeft = 2,
+        ClipRight = 4,
+        ClipBottom = 8,
+        ClipTop = 16,
+        ClipAll = 31
+    };
 
     // AND-ing several results gives Visible if any was visible, Occluded if
     // none was visible but some was in view, OutsideView only if all were out.
@@ -70,8 +78,7 @@ public:
     // Object-space (x, y, z) triples transformed by the stored matrix, clipped
     // against all planes; only triangles counter-clockwise in normalized
     // device coordinates (y up) are drawn.
-    virtual int RenderTriangles(const float* vertices, const uint16_t* indices, int vertexCount,
-                                int triangleCount) = 0;
+    virtual int RenderTriangles(const float* vertices, const uint16_t* indices, int vertexCount, int triangleCount) = 0;
     // Normalized device coordinates, y up; wmin is the nearest clip-space w.
     virtual int TestRect(float xmin, float ymin, float xmax, float ymax, float wmin) const = 0;
     // Box corners (three floats each) through the stored matrix; true when visible.

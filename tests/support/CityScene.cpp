@@ -19,12 +19,12 @@ Mesh makeBuilding() {
         float o[3], u[3], v[3];
     };
     const Face faces[6] = {
-        {{-0.5f, 0, 0.5f}, {1, 0, 0}, {0, 1, 0}},     // +z
-        {{0.5f, 0, -0.5f}, {-1, 0, 0}, {0, 1, 0}},    // -z
-        {{0.5f, 0, 0.5f}, {0, 0, -1}, {0, 1, 0}},     // +x
-        {{-0.5f, 0, -0.5f}, {0, 0, 1}, {0, 1, 0}},    // -x
-        {{-0.5f, 1, 0.5f}, {1, 0, 0}, {0, 0, -1}},    // +y
-        {{-0.5f, 0, -0.5f}, {1, 0, 0}, {0, 0, 1}},    // -y
+        {{-0.5f, 0, 0.5f}, {1, 0, 0}, {0, 1, 0}},  // +z
+        {{0.5f, 0, -0.5f}, {-1, 0, 0}, {0, 1, 0}}, // -z
+        {{0.5f, 0, 0.5f}, {0, 0, -1}, {0, 1, 0}},  // +x
+        {{-0.5f, 0, -0.5f}, {0, 0, 1}, {0, 1, 0}}, // -x
+        {{-0.5f, 1, 0.5f}, {1, 0, 0}, {0, 0, -1}}, // +y
+        {{-0.5f, 0, -0.5f}, {1, 0, 0}, {0, 0, 1}}, // -y
     };
     const int n = kSubdivisions;
     for (const Face& f : faces) {
@@ -94,15 +94,28 @@ CityScene makeCityScene(float aspect) {
     for (float& v : sd) v /= sl;
     const float up[3] = {sd[1] * f[2] - sd[2] * f[1], sd[2] * f[0] - sd[0] * f[2], sd[0] * f[1] - sd[1] * f[0]};
     const auto dot = [&](const float* a) { return a[0] * eye[0] + a[1] * eye[1] + a[2] * eye[2]; };
-    const std::array<float, 16> view = {sd[0], up[0], -f[0], 0, sd[1], up[1], -f[1], 0,
+    const std::array<float, 16> view = {sd[0], up[0], -f[0], 0, sd[1],    up[1],    -f[1],  0,
                                         sd[2], up[2], -f[2], 0, -dot(sd), -dot(up), dot(f), 1};
     s.nearPlane = 1.0f;
     const float farPlane = 1000.0f, fovY = 1.0471976f; // 60 degrees
     const float t = 1.0f / std::tan(fovY * 0.5f);
     const float n = s.nearPlane;
-    const std::array<float, 16> projection = {t / aspect, 0, 0, 0, 0, t, 0, 0,
-                                              0, 0, -(farPlane + n) / (farPlane - n), -1,
-                                              0, 0, -2 * farPlane * n / (farPlane - n), 0};
+    const std::array<float, 16> projection = {t / aspect,
+                                              0,
+                                              0,
+                                              0,
+                                              0,
+                                              t,
+                                              0,
+                                              0,
+                                              0,
+                                              0,
+                                              -(farPlane + n) / (farPlane - n),
+                                              -1,
+                                              0,
+                                              0,
+                                              -2 * farPlane * n / (farPlane - n),
+                                              0};
     s.viewProjection = multiply(projection, view);
     return s;
 }

@@ -10,8 +10,7 @@ Mesh makeBox(float minX, float minY, float minZ, float maxX, float maxY, float m
         m.vertices.push_back(i & 4 ? maxZ : minZ);
     }
     // Faces as quads (a, b, c, d) counter-clockwise from outside.
-    const uint16_t faces[6][4] = {{0, 2, 3, 1}, {4, 5, 7, 6}, {0, 1, 5, 4},
-                                  {2, 6, 7, 3}, {0, 4, 6, 2}, {1, 3, 7, 5}};
+    const uint16_t faces[6][4] = {{0, 2, 3, 1}, {4, 5, 7, 6}, {0, 1, 5, 4}, {2, 6, 7, 3}, {0, 4, 6, 2}, {1, 3, 7, 5}};
     for (const auto& f : faces) {
         const uint16_t tri[6] = {f[0], f[1], f[2], f[0], f[2], f[3]};
         m.indices.insert(m.indices.end(), tri, tri + 6);

@@ -8,7 +8,7 @@
 namespace testing_support {
 
 struct Mesh {
-    std::vector<float> vertices;  // x, y, z per vertex
+    std::vector<float> vertices;   // x, y, z per vertex
     std::vector<uint16_t> indices; // three per triangle
 
     uint32_t vertexCount() const { return uint32_t(vertices.size() / 3); }
