@@ -43,7 +43,13 @@ bool ZELKFrameInfo::submitOccluder(const float* vertices, const uint16_t* indice
 bool ZELKFrameInfo::diffFrame() const {
     if (viewProjection != previousViewProjection) return true;
     if (cachedOccluders.size() != previousCachedOccluders.size()) return true;
-    for (const common::OccluderRaw& current : cachedOccluders) {
+    const size_t count = cachedOccluders.size();
+    for (size_t i = 0; i < count; ++i) {
+        const common::OccluderRaw& current = cachedOccluders[i];
+        // Hosts usually submit in the same order every frame: try the same
+        // slot first, which makes the usual case linear. Only existence
+        // matters, so where the match is found changes nothing.
+        if (current == previousCachedOccluders[i]) continue;
         bool matched = false;
         for (const common::OccluderRaw& previous : previousCachedOccluders) {
             if (current == previous) {
