@@ -34,7 +34,26 @@ struct Ref {
     uint32_t corner;
 };
 
-using Flags = std::vector<bool>;
+// Growable flag array with the semantics of a resized vector: growing clears
+// the new entries, shrinking keeps nothing beyond the new size. Bytes, and
+// the storage never shrinks, so a resize is at most a short memset.
+class Flags {
+public:
+    void resize(size_t n) {
+        if (n > size_) {
+            if (bytes_.size() < n) bytes_.resize(n);
+            std::fill(bytes_.begin() + std::ptrdiff_t(size_), bytes_.begin() + std::ptrdiff_t(n), uint8_t(0));
+        }
+        size_ = n;
+    }
+    void clear() { size_ = 0; }
+    bool operator[](size_t i) const { return bytes_[i] != 0; }
+    void set(size_t i, bool value) { bytes_[i] = value; }
+
+private:
+    std::vector<uint8_t> bytes_;
+    size_t size_ = 0;
+};
 
 inline Vec3 operator-(Vec3 a, Vec3 b) { return Vec3{a.x - b.x, a.y - b.y, a.z - b.z}; }
 inline bool operator==(Vec3 a, Vec3 b) { return a.x == b.x && a.y == b.y && a.z == b.z; }
@@ -86,6 +105,8 @@ public:
     // Scratch for border marking: occurrences per vertex and the vertices met.
     std::vector<uint32_t> neighbourCounts;
     std::vector<uint32_t> neighbourIds;
+    // Deleted-triangle flags of the two ends of the edge under test.
+    Flags flags0, flags1;
 
     void reduce(const float* inVertices, const uint16_t* inIndices, uint32_t vertexCount, uint32_t indexCount,
                 std::vector<float4>& outVertices, std::vector<uint32_t>& outIndices, uint32_t targetTriangles,
@@ -154,13 +175,13 @@ bool MeshReducerPrivate::flipped(Vec3 p, uint32_t otherEnd, Vertex& v, Flags& de
         if (t.deleted) continue;
         const uint32_t a = t.vertex[(r.corner + 1) % 3], b = t.vertex[(r.corner + 2) % 3];
         if (a == otherEnd || b == otherEnd) {
-            deletedFlags[k] = true;
+            deletedFlags.set(k, true);
             continue;
         }
         const float4 d1 = normalized4(loadPosition(vertices[a]) - p4);
         const float4 d2 = normalized4(loadPosition(vertices[b]) - p4);
         if (std::fabs(dot3(d1, d2)) > 0.999f) return true;
-        deletedFlags[k] = false;
+        deletedFlags.set(k, false);
         const float4 n = normalized4(cross3(d1, d2));
         if (dot3(n, load(t.normal)) < 0.2f) return true;
     }
@@ -358,7 +379,8 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
     }
 
     uint32_t deletedTriangles = 0;
-    Flags flags0, flags1;
+    flags0.clear(); // each call starts with empty flag arrays
+    flags1.clear();
     bool collapsedSinceRefresh = true;
     for (int iteration = 0; iteration < 100; ++iteration) {
         if (triangleCount - deletedTriangles <= targetTriangles) break;
@@ -423,8 +445,6 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
     if (normalize && scale != 0.0f && scale != 1.0f)
         for (Vertex& v : vertices) v.position = Vec3{v.position.x * scale, v.position.y * scale, v.position.z * scale};
 
-    flags0 = Flags();
-    flags1 = Flags();
     if (vertices.empty() || triangles.empty()) return;
     outVertices.resize(vertices.size());
     for (size_t i = 0; i < vertices.size(); ++i) {
