@@ -12,12 +12,13 @@ namespace common {
 
 namespace {
 
-struct alignas(64) Vertex { // one cache line each
-    bool border;            // on an open boundary of the mesh
-    uint32_t firstRef;      // first incident corner in refs
-    uint32_t refCount;      // incident corners; in the final compaction: vertex in use
-    Vec3 position;
+// One cache line each; the quadric first, so that its rows load aligned.
+struct alignas(64) Vertex {
     float quadric[10]; // symmetric 4x4: aa ab ac ad bb bc bd cc cd dd
+    Vec3 position;
+    uint32_t firstRef; // first incident corner in refs
+    uint32_t refCount; // incident corners; in the final compaction: vertex in use
+    bool border;       // on an open boundary of the mesh
 };
 
 struct Triangle {
@@ -70,9 +71,9 @@ inline Vec3 normalized(Vec3 a) {
 // (dot3 sums x, y, then z), four lanes at a time.
 inline float4 load(Vec3 a) { return make4(a.x, a.y, a.z, 0.0f); }
 // A vertex position with w = 0, read as one 16-byte load: the four bytes after
-// the position are the start of the quadric, inside the same Vertex.
+// the position are firstRef, inside the same Vertex.
 inline float4 loadPosition(const Vertex& v) {
-    static_assert(offsetof(Vertex, quadric) == offsetof(Vertex, position) + sizeof(Vec3), "layout");
+    static_assert(offsetof(Vertex, firstRef) == offsetof(Vertex, position) + sizeof(Vec3), "layout");
     return asFloat(asInt(loadu4(&v.position.x)) & makeInt4(-1, -1, -1, 0));
 }
 inline float4 normalized4(float4 a) {
@@ -83,12 +84,6 @@ inline float4 normalized4(float4 a) {
 
 inline float det3(float a11, float a12, float a13, float a21, float a22, float a23, float a31, float a32, float a33) {
     return a11 * a22 * a33 + a13 * a21 * a32 + a12 * a23 * a31 - a13 * a22 * a31 - a11 * a23 * a32 - a12 * a21 * a33;
-}
-
-// v^T Q v for v = (x, y, z, 1).
-inline float vertexError(const float* q, float x, float y, float z) {
-    return q[0] * x * x + 2 * q[1] * x * y + 2 * q[2] * x * z + 2 * q[3] * x + q[4] * y * y + 2 * q[5] * y * z +
-           2 * q[6] * y + q[7] * z * z + 2 * q[8] * z + q[9];
 }
 
 // (iteration + 3)^aggressiveness * 1e-9 in double, rounded to float; the
@@ -129,38 +124,79 @@ private:
     void compact();
 };
 
+// The quadric rows of both ends summed: (aa ab ac ad), (bb bc bd cc), (cd dd 0 0).
+struct SummedQuadric {
+    float4 r0, r1, r2;
+};
+
+// v^T Q v for v = (x, y, z, 1), that is
+//   aa x x + 2 ab x y + 2 ac x z + 2 ad x + bb y y + 2 bc y z + 2 bd y + cc z z + 2 cd z + dd
+// with each product associated left to right and the sum taken in this order;
+// the products are formed four at a time (the extra factors of 1 are exact).
+inline float vertexError(const SummedQuadric& q, float4 xyz1) {
+    const float4 t0 = q.r0 * make4(1.0f, 2.0f, 2.0f, 2.0f) * splatLane<0>(xyz1) * xyz1;
+    const float4 t1 = q.r1 * make4(1.0f, 2.0f, 2.0f, 1.0f) * swizzle<1, 1, 1, 2>(xyz1) * swizzle<1, 2, 3, 2>(xyz1);
+    const float4 t2 = q.r2 * make4(2.0f, 1.0f, 1.0f, 1.0f) * swizzle<2, 3, 3, 3>(xyz1);
+    return lane<0>(t0) + lane<1>(t0) + lane<2>(t0) + lane<3>(t0) + lane<0>(t1) + lane<1>(t1) + lane<2>(t1) +
+           lane<3>(t1) + lane<0>(t2) + lane<1>(t2);
+}
+
 float MeshReducerPrivate::calculateError(uint32_t i0, uint32_t i1, Vec3& result) {
     const Vertex& v0 = vertices[i0];
     const Vertex& v1 = vertices[i1];
-    float q[10];
-    for (int k = 0; k < 10; ++k) q[k] = v0.quadric[k] + v1.quadric[k];
+    SummedQuadric q;
+    q.r0 = load4(v0.quadric) + load4(v1.quadric);
+    q.r1 = load4(v0.quadric + 4) + load4(v1.quadric + 4);
+    q.r2 = make4(v0.quadric[8], v0.quadric[9], 0.0f, 0.0f) + make4(v1.quadric[8], v1.quadric[9], 0.0f, 0.0f);
 
     if (!(v0.border && v1.border)) {
-        // The minimiser of the quadric solves a 3x3 system (Cramer's rule).
-        const float det = det3(q[0], q[1], q[2], q[1], q[4], q[5], q[2], q[5], q[7]);
+        // The minimiser of the quadric solves a 3x3 system (Cramer's rule). The
+        // four determinants (system, then the numerators of x, y, z) side by
+        // side, each lane with det3's operations in det3's order:
+        //   [aa ab ac]  [ab ac ad]  [aa ac ad]  [aa ab ad]
+        //   [ab bb bc]  [bb bc bd]  [ab bc bd]  [ab bb bd]
+        //   [ac bc cc]  [bc cc cd]  [ac cc cd]  [ac bc cd]
+        const int4 second = makeInt4(0, -1, 0, 0), first = makeInt4(-1, 0, 0, 0);
+        const float4 a11 = swizzle<0, 1, 0, 0>(q.r0), a12 = swizzle<1, 2, 2, 1>(q.r0), a13 = swizzle<2, 3, 3, 3>(q.r0);
+        const float4 a21 = select(second, splatLane<0>(q.r1), splatLane<1>(q.r0));
+        const float4 a22 = swizzle<0, 1, 1, 0>(q.r1), a23 = swizzle<1, 2, 2, 2>(q.r1);
+        const float4 a31 = select(second, splatLane<1>(q.r1), splatLane<2>(q.r0));
+        const float4 a32 = swizzle<1, 3, 3, 1>(q.r1);
+        const float4 a33 = select(first, splatLane<3>(q.r1), splatLane<0>(q.r2));
+        const float4 dets =
+            a11 * a22 * a33 + a13 * a21 * a32 + a12 * a23 * a31 - a13 * a22 * a31 - a11 * a23 * a32 - a12 * a21 * a33;
+        const float det = lane<0>(dets);
         if (det != 0.0f) {
             const float inverse = 1.0f / det;
-            result.x = -inverse * det3(q[1], q[2], q[3], q[4], q[5], q[6], q[5], q[7], q[8]);
-            result.y = inverse * det3(q[0], q[2], q[3], q[1], q[5], q[6], q[2], q[7], q[8]);
-            result.z = -inverse * det3(q[0], q[1], q[3], q[1], q[4], q[6], q[2], q[5], q[8]);
-            return vertexError(q, result.x, result.y, result.z);
+            // (-inverse * x', inverse * y', -inverse * z', 1)
+            const float4 xyz1 = select(makeInt4(0, 0, 0, -1), splat(1.0f),
+                                       make4(-inverse, inverse, -inverse, 0.0f) * swizzle<1, 2, 3, 3>(dets));
+            result = Vec3{lane<0>(xyz1), lane<1>(xyz1), lane<2>(xyz1)};
+            return vertexError(q, xyz1);
         }
     }
 
-    // Border edges (and singular systems) stay on the edge: an end or the midpoint.
-    const Vec3 p0 = v0.position, p1 = v1.position;
-    const Vec3 mid{(p0.x + p1.x) * 0.5f, (p0.y + p1.y) * 0.5f, (p0.z + p1.z) * 0.5f};
-    const float e0 = vertexError(q, p0.x, p0.y, p0.z);
-    const float e1 = vertexError(q, p1.x, p1.y, p1.z);
-    const float e2 = vertexError(q, mid.x, mid.y, mid.z);
+    // Border edges (and singular systems) stay on the edge: an end or the
+    // midpoint, their three errors lane-wise in the order of vertexError.
+    const float4 p0 = loadPosition(v0), p1 = loadPosition(v1);
+    const float4 mid = (p0 + p1) * splat(0.5f);
+    float4 xs = p0, ys = p1, zs = mid, unused = zero4();
+    transpose(xs, ys, zs, unused);
+    const float aa = lane<0>(q.r0), ab = lane<1>(q.r0), ac = lane<2>(q.r0), ad = lane<3>(q.r0);
+    const float bb = lane<0>(q.r1), bc = lane<1>(q.r1), bd = lane<2>(q.r1), cc = lane<3>(q.r1);
+    const float cd = lane<0>(q.r2), dd = lane<1>(q.r2);
+    const float4 errors = splat(aa) * xs * xs + splat(2 * ab) * xs * ys + splat(2 * ac) * xs * zs + splat(2 * ad) * xs +
+                          splat(bb) * ys * ys + splat(2 * bc) * ys * zs + splat(2 * bd) * ys + splat(cc) * zs * zs +
+                          splat(2 * cd) * zs + splat(dd);
+    const float e0 = lane<0>(errors), e1 = lane<1>(errors), e2 = lane<2>(errors);
     const float inner = e2 < e1 ? e2 : e1;
     const float m = inner < e0 ? inner : e0;
     if (e0 == m)
-        result = p0;
+        result = v0.position;
     else if (e1 == m)
-        result = p1;
+        result = v1.position;
     else if (e2 == m)
-        result = mid;
+        result = Vec3{lane<0>(mid), lane<1>(mid), lane<2>(mid)};
     return m;
 }
 
