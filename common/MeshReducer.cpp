@@ -100,6 +100,20 @@ public:
     // Scratch for border marking: occurrences per vertex and the vertices met.
     std::vector<uint32_t> neighbourCounts;
     std::vector<uint32_t> neighbourIds;
+    // Failed collapses are remembered until something they looked at changes:
+    // a collapse marks the vertices of every triangle it touches (the ends
+    // included) with the current tick; a refresh renumbers triangles and refs,
+    // so it forgets everything. The clock runs on across calls, so stale
+    // entries from an earlier call are never younger than its first refresh.
+    struct Failure {
+        uint64_t tick;  // clock + 1 when recorded
+        uint32_t at;    // corner where the flip test stopped
+        uint8_t ending; // bit 0: second end failed; 1: first end moved; 2: sliver
+    };
+    std::vector<Failure> failures;   // per triangle edge
+    std::vector<uint64_t> touchedAt; // per vertex
+    uint64_t clock = 0;
+    uint64_t refreshedAt = 0;
     // Deleted-triangle flags of the two ends of the edge under test.
     Flags flags0, flags1;
 
@@ -109,7 +123,15 @@ public:
 
 private:
     float calculateError(uint32_t i0, uint32_t i1, Vec3& result);
-    bool flipped(Vec3 p, uint32_t otherEnd, Vertex& v, Flags& deletedFlags);
+    // How a flip test ended: whether the vertex moves at all, and on a flip
+    // the corner it stopped at and which of the two tests failed there.
+    struct FlipReport {
+        bool moved;
+        bool sliver;
+        uint32_t at;
+    };
+    bool flipped(Vec3 p, uint32_t otherEnd, Vertex& v, Flags& deletedFlags, FlipReport& report);
+    void replayFlags(uint32_t otherEnd, const Vertex& v, Flags& deletedFlags, uint32_t end, bool failed, bool sliver);
     void updateTriangles(uint32_t i0, Vertex& v, Flags& deletedFlags, uint32_t& deletedTriangles);
     void prefetchTriangles(const Vertex& v) const {
 #if defined(__GNUC__)
@@ -202,8 +224,9 @@ float MeshReducerPrivate::calculateError(uint32_t i0, uint32_t i1, Vec3& result)
 
 // Would moving v to p fold one of its triangles over or make it a sliver?
 // Marks the triangles that also hold otherEnd: they vanish in the collapse.
-bool MeshReducerPrivate::flipped(Vec3 p, uint32_t otherEnd, Vertex& v, Flags& deletedFlags) {
-    if (p == v.position) return false;
+bool MeshReducerPrivate::flipped(Vec3 p, uint32_t otherEnd, Vertex& v, Flags& deletedFlags, FlipReport& report) {
+    report.moved = !(p == v.position);
+    if (!report.moved) return false;
     const float4 p4 = load(p);
     for (uint32_t k = 0; k < v.refCount; ++k) {
         const Ref r = refs[size_t(v.firstRef) + k];
@@ -216,12 +239,34 @@ bool MeshReducerPrivate::flipped(Vec3 p, uint32_t otherEnd, Vertex& v, Flags& de
         }
         const float4 d1 = normalized4(loadPosition(vertices[a]) - p4);
         const float4 d2 = normalized4(loadPosition(vertices[b]) - p4);
-        if (std::fabs(dot3(d1, d2)) > 0.999f) return true;
+        if (std::fabs(dot3(d1, d2)) > 0.999f) {
+            report.at = k;
+            report.sliver = true;
+            return true;
+        }
         deletedFlags.set(k, false);
         const float4 n = normalized4(cross3(d1, d2));
-        if (dot3(n, load(t.normal)) < 0.2f) return true;
+        if (dot3(n, load(t.normal)) < 0.2f) {
+            report.at = k;
+            report.sliver = false;
+            return true;
+        }
     }
     return false;
+}
+
+// The flag writes of a flip test that passed the first `end` corners and, when
+// `failed`, stopped at corner end (after clearing its flag unless `sliver`).
+void MeshReducerPrivate::replayFlags(uint32_t otherEnd, const Vertex& v, Flags& deletedFlags, uint32_t end, bool failed,
+                                     bool sliver) {
+    for (uint32_t k = 0; k < end; ++k) {
+        const Ref r = refs[size_t(v.firstRef) + k];
+        const Triangle& t = triangles[r.triangle];
+        if (t.deleted) continue;
+        const uint32_t a = t.vertex[(r.corner + 1) % 3], b = t.vertex[(r.corner + 2) % 3];
+        deletedFlags.set(k, a == otherEnd || b == otherEnd);
+    }
+    if (failed && !sliver) deletedFlags.set(end, false);
 }
 
 void MeshReducerPrivate::updateTriangles(uint32_t i0, Vertex& v, Flags& deletedFlags, uint32_t& deletedTriangles) {
@@ -230,6 +275,7 @@ void MeshReducerPrivate::updateTriangles(uint32_t i0, Vertex& v, Flags& deletedF
         const Ref r = refs[size_t(v.firstRef) + k];
         Triangle& t = triangles[r.triangle];
         if (t.deleted) continue;
+        for (const uint32_t corner : t.vertex) touchedAt[corner] = clock;
         if (deletedFlags[k]) {
             t.deleted = true;
             ++deletedTriangles;
@@ -414,6 +460,8 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
         }
     }
 
+    if (failures.size() < size_t(triangleCount) * 3) failures.resize(size_t(triangleCount) * 3);
+    if (touchedAt.size() < vertexCount) touchedAt.resize(vertexCount);
     uint32_t deletedTriangles = 0;
     flags0.clear(); // each call starts with empty flag arrays
     flags1.clear();
@@ -422,6 +470,7 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
         if (triangleCount - deletedTriangles <= targetTriangles) break;
         if (iteration % 5 == 0) {
             refresh(iteration);
+            refreshedAt = ++clock;
             collapsedSinceRefresh = false;
         }
         for (Triangle& t : triangles) t.dirty = false;
@@ -438,6 +487,22 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
                     Vertex& v1 = vertices[i1];
                     if (v0.border != v1.border) continue;
 
+                    Failure& failure = failures[3 * ti + size_t(j)];
+                    if (failure.tick > refreshedAt && touchedAt[i0] < failure.tick && touchedAt[i1] < failure.tick) {
+                        // Nothing this attempt reads has changed since it
+                        // failed: it fails again. Only its flag writes matter.
+                        flags0.resize(v0.refCount);
+                        flags1.resize(v1.refCount);
+                        const bool secondEnd = failure.ending & 1, sliver = failure.ending & 4;
+                        if (secondEnd) {
+                            if (failure.ending & 2) replayFlags(i1, v0, flags0, v0.refCount, false, false);
+                            replayFlags(i0, v1, flags1, failure.at, true, sliver);
+                        } else {
+                            replayFlags(i1, v0, flags0, failure.at, true, sliver);
+                        }
+                        continue;
+                    }
+
                     // The flip tests walk both vertices' triangles in scattered
                     // memory; start all those loads at once.
                     prefetchTriangles(v0);
@@ -446,9 +511,20 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
                     calculateError(i0, i1, p);
                     flags0.resize(v0.refCount);
                     flags1.resize(v1.refCount);
-                    if (flipped(p, i1, v0, flags0) || flipped(p, i0, v1, flags1)) continue;
+                    FlipReport first, second;
+                    if (flipped(p, i1, v0, flags0, first)) {
+                        failure = Failure{clock + 1, first.at, uint8_t(first.sliver ? 6 : 2)};
+                        continue;
+                    }
+                    if (flipped(p, i0, v1, flags1, second)) {
+                        failure =
+                            Failure{clock + 1, second.at, uint8_t(1 | (first.moved ? 2 : 0) | (second.sliver ? 4 : 0))};
+                        continue;
+                    }
 
                     collapsedSinceRefresh = true;
+                    ++clock;
+                    touchedAt[i0] = touchedAt[i1] = clock;
                     v0.position = p;
                     for (int k = 0; k < 10; ++k) v0.quadric[k] += v1.quadric[k];
                     const size_t start = refs.size();
