@@ -25,6 +25,7 @@ struct Triangle {
     bool deleted;
     bool dirty;           // changed in this iteration: not collapsed again until the next
     bool preBorderErrors; // error[] still from the first refresh, before borders were known
+    uint8_t failedEdges;  // bit j: failures[3 t + j] may hold a failed collapse of edge j
     uint32_t vertex[3];
     float error[3]; // error[j]: collapse error of edge (vertex[j], vertex[j+1 mod 3])
     Vec3 normal;
@@ -435,6 +436,7 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
         Triangle& tri = triangles[t];
         tri.deleted = false;
         tri.dirty = false;
+        tri.failedEdges = 0;
         tri.vertex[0] = inIndices[i];
         tri.vertex[1] = inIndices[i + 1];
         tri.vertex[2] = inIndices[i + 2];
@@ -488,7 +490,8 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
                     if (v0.border != v1.border) continue;
 
                     Failure& failure = failures[3 * ti + size_t(j)];
-                    if (failure.tick > refreshedAt && touchedAt[i0] < failure.tick && touchedAt[i1] < failure.tick) {
+                    if ((t.failedEdges >> j & 1) && failure.tick > refreshedAt && touchedAt[i0] < failure.tick &&
+                        touchedAt[i1] < failure.tick) {
                         // Nothing this attempt reads has changed since it
                         // failed: it fails again. Only its flag writes matter.
                         flags0.resize(v0.refCount);
@@ -514,6 +517,7 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
                     FlipReport first, second;
                     if (flipped(p, i1, v0, flags0, first)) {
                         failure = Failure{clock + 1, first.at, uint8_t(first.sliver ? 6 : 2)};
+                        t.failedEdges |= uint8_t(1 << j);
                         continue;
                     }
                     if (flipped(p, i0, v1, flags1, second)) {
