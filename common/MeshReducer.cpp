@@ -552,9 +552,27 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
         // A pass that collapsed nothing on a freshly refreshed mesh leaves every
         // piece of state as it found it, so the following passes repeat it
         // exactly until the threshold crosses a stored error: skip them.
-        if (!collapsedSinceRefresh)
-            while (iteration + 1 < 100 && sameClassification(threshold, thresholdAt(iteration + 1, aggressiveness)))
-                ++iteration;
+        if (!collapsedSinceRefresh) {
+            // The live errors nearest the threshold on either side, found once:
+            // no error lies between two thresholds exactly when neither of
+            // these does. NaN thresholds keep the full scan.
+            bool anyAbove = false, anyBelow = false;
+            float above = 0.0f, below = 0.0f;
+            for (const Triangle& t : triangles) {
+                if (t.deleted) continue;
+                for (const float e : t.error) {
+                    if (e >= threshold && (!anyAbove || e < above)) above = e, anyAbove = true;
+                    if (e <= threshold && (!anyBelow || e > below)) below = e, anyBelow = true;
+                }
+            }
+            const auto same = [&](float next) {
+                if (std::isnan(threshold) || std::isnan(next)) return sameClassification(threshold, next);
+                if (next > threshold) return !(anyAbove && above <= next);
+                if (next < threshold) return !(anyBelow && below >= next);
+                return true;
+            };
+            while (iteration + 1 < 100 && same(thresholdAt(iteration + 1, aggressiveness))) ++iteration;
+        }
     }
 
     compact();
