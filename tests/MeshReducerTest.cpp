@@ -129,6 +129,23 @@ Mesh makeBumpyGrid(int n, float amplitude, uint32_t seed) {
     return m;
 }
 
+// A bumpy ground with rows of thin walls (eight-vertex boxes) standing on it:
+// the walls' collapses fail the flip test pass after pass while the ground
+// collapses around them, and the target is never reached.
+Mesh makeBoxesOnGround(int boxes) {
+    Mesh m = makeBumpyGrid(24, 0.05f, 3);
+    for (int i = 0; i < boxes; ++i)
+        for (int j = 0; j < boxes; ++j) {
+            const float x = -1.0f + 4.0f * float(i) / float(boxes), y = -2.0f + 3.0f * float(j) / float(boxes);
+            const float h = 0.1f + 0.05f * noise(uint32_t(i * 31 + j));
+            const Mesh box = testing_support::makeBox(x, y, 0.6f, x + 0.45f, y + 0.01f, 0.6f + 3 * h);
+            const auto base = uint16_t(m.vertexCount());
+            m.vertices.insert(m.vertices.end(), box.vertices.begin(), box.vertices.end());
+            for (const uint16_t index : box.indices) m.indices.push_back(uint16_t(base + index));
+        }
+    return m;
+}
+
 // Closed sphere from a subdivided cube, each point pushed onto the sphere
 // with a square root (no trigonometry, so the input is bit-identical
 // everywhere) and jittered radially.
@@ -335,6 +352,9 @@ TEST(MeshReducer, SyntheticOutputBits) {
         {"jittered cube sphere 16",
          makeCubeSphere(16, 1.0f, 0.01f),
          {0xa93888004b58444cull, 0xf70b2bff17d0212bull, 0x840bbf4124a804b6ull}},
+        {"boxes on ground",
+         makeBoxesOnGround(8),
+         {0xe9152e3a439c2bc1ull, 0xe9152e3a439c2bc1ull, 0xe9152e3a439c2bc1ull}},
         {"lat-long sphere",
          makeSphere(12, 20, 1.0f),
          {0x1e9d2fd65c9fdcb4ull, 0xa640cc790b98a691ull, 0x5bd3a79e25fe7e28ull}},
