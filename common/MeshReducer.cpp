@@ -12,18 +12,20 @@ namespace common {
 
 namespace {
 
-struct alignas(64) Vertex { // one cache line each
-    bool border;            // on an open boundary of the mesh
-    uint32_t firstRef;      // first incident corner in refs
-    uint32_t refCount;      // incident corners; in the final compaction: vertex in use
-    Vec3 position;
+// One cache line each; the quadric first, so that its rows load aligned.
+struct alignas(64) Vertex {
     float quadric[10]; // symmetric 4x4: aa ab ac ad bb bc bd cc cd dd
+    Vec3 position;
+    uint32_t firstRef; // first incident corner in refs
+    uint32_t refCount; // incident corners; in the final compaction: vertex in use
+    bool border;       // on an open boundary of the mesh
 };
 
 struct Triangle {
     bool deleted;
     bool dirty;           // changed in this iteration: not collapsed again until the next
     bool preBorderErrors; // error[] still from the first refresh, before borders were known
+    uint8_t failedEdges;  // bit j: failures[3 t + j] may hold a failed collapse of edge j
     uint32_t vertex[3];
     float error[3]; // error[j]: collapse error of edge (vertex[j], vertex[j+1 mod 3])
     Vec3 normal;
@@ -34,7 +36,26 @@ struct Ref {
     uint32_t corner;
 };
 
-using Flags = std::vector<bool>;
+// Growable flag array with the semantics of a resized vector: growing clears
+// the new entries, shrinking keeps nothing beyond the new size. Bytes, and
+// the storage never shrinks, so a resize is at most a short memset.
+class Flags {
+public:
+    void resize(size_t n) {
+        if (n > size_) {
+            if (bytes_.size() < n) bytes_.resize(n);
+            std::fill(bytes_.begin() + std::ptrdiff_t(size_), bytes_.begin() + std::ptrdiff_t(n), uint8_t(0));
+        }
+        size_ = n;
+    }
+    void clear() { size_ = 0; }
+    bool operator[](size_t i) const { return bytes_[i] != 0; }
+    void set(size_t i, bool value) { bytes_[i] = value; }
+
+private:
+    std::vector<uint8_t> bytes_;
+    size_t size_ = 0;
+};
 
 inline Vec3 operator-(Vec3 a, Vec3 b) { return Vec3{a.x - b.x, a.y - b.y, a.z - b.z}; }
 inline bool operator==(Vec3 a, Vec3 b) { return a.x == b.x && a.y == b.y && a.z == b.z; }
@@ -51,9 +72,9 @@ inline Vec3 normalized(Vec3 a) {
 // (dot3 sums x, y, then z), four lanes at a time.
 inline float4 load(Vec3 a) { return make4(a.x, a.y, a.z, 0.0f); }
 // A vertex position with w = 0, read as one 16-byte load: the four bytes after
-// the position are the start of the quadric, inside the same Vertex.
+// the position are firstRef, inside the same Vertex.
 inline float4 loadPosition(const Vertex& v) {
-    static_assert(offsetof(Vertex, quadric) == offsetof(Vertex, position) + sizeof(Vec3), "layout");
+    static_assert(offsetof(Vertex, firstRef) == offsetof(Vertex, position) + sizeof(Vec3), "layout");
     return asFloat(asInt(loadu4(&v.position.x)) & makeInt4(-1, -1, -1, 0));
 }
 inline float4 normalized4(float4 a) {
@@ -64,12 +85,6 @@ inline float4 normalized4(float4 a) {
 
 inline float det3(float a11, float a12, float a13, float a21, float a22, float a23, float a31, float a32, float a33) {
     return a11 * a22 * a33 + a13 * a21 * a32 + a12 * a23 * a31 - a13 * a22 * a31 - a11 * a23 * a32 - a12 * a21 * a33;
-}
-
-// v^T Q v for v = (x, y, z, 1).
-inline float vertexError(const float* q, float x, float y, float z) {
-    return q[0] * x * x + 2 * q[1] * x * y + 2 * q[2] * x * z + 2 * q[3] * x + q[4] * y * y + 2 * q[5] * y * z +
-           2 * q[6] * y + q[7] * z * z + 2 * q[8] * z + q[9];
 }
 
 // (iteration + 3)^aggressiveness * 1e-9 in double, rounded to float; the
@@ -86,6 +101,22 @@ public:
     // Scratch for border marking: occurrences per vertex and the vertices met.
     std::vector<uint32_t> neighbourCounts;
     std::vector<uint32_t> neighbourIds;
+    // Failed collapses are remembered until something they looked at changes:
+    // a collapse marks the vertices of every triangle it touches (the ends
+    // included) with the current tick; a refresh renumbers triangles and refs,
+    // so it forgets everything. The clock runs on across calls, so stale
+    // entries from an earlier call are never younger than its first refresh.
+    struct Failure {
+        uint64_t tick;  // clock + 1 when recorded
+        uint32_t at;    // corner where the flip test stopped
+        uint8_t ending; // bit 0: second end failed; 1: first end moved; 2: sliver
+    };
+    std::vector<Failure> failures;   // per triangle edge
+    std::vector<uint64_t> touchedAt; // per vertex
+    uint64_t clock = 0;
+    uint64_t refreshedAt = 0;
+    // Deleted-triangle flags of the two ends of the edge under test.
+    Flags flags0, flags1;
 
     void reduce(const float* inVertices, const uint16_t* inIndices, uint32_t vertexCount, uint32_t indexCount,
                 std::vector<float4>& outVertices, std::vector<uint32_t>& outIndices, uint32_t targetTriangles,
@@ -93,7 +124,15 @@ public:
 
 private:
     float calculateError(uint32_t i0, uint32_t i1, Vec3& result);
-    bool flipped(Vec3 p, uint32_t otherEnd, Vertex& v, Flags& deletedFlags);
+    // How a flip test ended: whether the vertex moves at all, and on a flip
+    // the corner it stopped at and which of the two tests failed there.
+    struct FlipReport {
+        bool moved;
+        bool sliver;
+        uint32_t at;
+    };
+    bool flipped(Vec3 p, uint32_t otherEnd, Vertex& v, Flags& deletedFlags, FlipReport& report);
+    void replayFlags(uint32_t otherEnd, const Vertex& v, Flags& deletedFlags, uint32_t end, bool failed, bool sliver);
     void updateTriangles(uint32_t i0, Vertex& v, Flags& deletedFlags, uint32_t& deletedTriangles);
     void prefetchTriangles(const Vertex& v) const {
 #if defined(__GNUC__)
@@ -108,45 +147,87 @@ private:
     void compact();
 };
 
+// The quadric rows of both ends summed: (aa ab ac ad), (bb bc bd cc), (cd dd 0 0).
+struct SummedQuadric {
+    float4 r0, r1, r2;
+};
+
+// v^T Q v for v = (x, y, z, 1), that is
+//   aa x x + 2 ab x y + 2 ac x z + 2 ad x + bb y y + 2 bc y z + 2 bd y + cc z z + 2 cd z + dd
+// with each product associated left to right and the sum taken in this order;
+// the products are formed four at a time (the extra factors of 1 are exact).
+inline float vertexError(const SummedQuadric& q, float4 xyz1) {
+    const float4 t0 = q.r0 * make4(1.0f, 2.0f, 2.0f, 2.0f) * splatLane<0>(xyz1) * xyz1;
+    const float4 t1 = q.r1 * make4(1.0f, 2.0f, 2.0f, 1.0f) * swizzle<1, 1, 1, 2>(xyz1) * swizzle<1, 2, 3, 2>(xyz1);
+    const float4 t2 = q.r2 * make4(2.0f, 1.0f, 1.0f, 1.0f) * swizzle<2, 3, 3, 3>(xyz1);
+    return lane<0>(t0) + lane<1>(t0) + lane<2>(t0) + lane<3>(t0) + lane<0>(t1) + lane<1>(t1) + lane<2>(t1) +
+           lane<3>(t1) + lane<0>(t2) + lane<1>(t2);
+}
+
 float MeshReducerPrivate::calculateError(uint32_t i0, uint32_t i1, Vec3& result) {
     const Vertex& v0 = vertices[i0];
     const Vertex& v1 = vertices[i1];
-    float q[10];
-    for (int k = 0; k < 10; ++k) q[k] = v0.quadric[k] + v1.quadric[k];
+    SummedQuadric q;
+    q.r0 = load4(v0.quadric) + load4(v1.quadric);
+    q.r1 = load4(v0.quadric + 4) + load4(v1.quadric + 4);
+    q.r2 = make4(v0.quadric[8], v0.quadric[9], 0.0f, 0.0f) + make4(v1.quadric[8], v1.quadric[9], 0.0f, 0.0f);
 
     if (!(v0.border && v1.border)) {
-        // The minimiser of the quadric solves a 3x3 system (Cramer's rule).
-        const float det = det3(q[0], q[1], q[2], q[1], q[4], q[5], q[2], q[5], q[7]);
+        // The minimiser of the quadric solves a 3x3 system (Cramer's rule). The
+        // four determinants (system, then the numerators of x, y, z) side by
+        // side, each lane with det3's operations in det3's order:
+        //   [aa ab ac]  [ab ac ad]  [aa ac ad]  [aa ab ad]
+        //   [ab bb bc]  [bb bc bd]  [ab bc bd]  [ab bb bd]
+        //   [ac bc cc]  [bc cc cd]  [ac cc cd]  [ac bc cd]
+        const int4 second = makeInt4(0, -1, 0, 0), first = makeInt4(-1, 0, 0, 0);
+        const float4 a11 = swizzle<0, 1, 0, 0>(q.r0), a12 = swizzle<1, 2, 2, 1>(q.r0), a13 = swizzle<2, 3, 3, 3>(q.r0);
+        const float4 a21 = select(second, splatLane<0>(q.r1), splatLane<1>(q.r0));
+        const float4 a22 = swizzle<0, 1, 1, 0>(q.r1), a23 = swizzle<1, 2, 2, 2>(q.r1);
+        const float4 a31 = select(second, splatLane<1>(q.r1), splatLane<2>(q.r0));
+        const float4 a32 = swizzle<1, 3, 3, 1>(q.r1);
+        const float4 a33 = select(first, splatLane<3>(q.r1), splatLane<0>(q.r2));
+        const float4 dets =
+            a11 * a22 * a33 + a13 * a21 * a32 + a12 * a23 * a31 - a13 * a22 * a31 - a11 * a23 * a32 - a12 * a21 * a33;
+        const float det = lane<0>(dets);
         if (det != 0.0f) {
             const float inverse = 1.0f / det;
-            result.x = -inverse * det3(q[1], q[2], q[3], q[4], q[5], q[6], q[5], q[7], q[8]);
-            result.y = inverse * det3(q[0], q[2], q[3], q[1], q[5], q[6], q[2], q[7], q[8]);
-            result.z = -inverse * det3(q[0], q[1], q[3], q[1], q[4], q[6], q[2], q[5], q[8]);
-            return vertexError(q, result.x, result.y, result.z);
+            // (-inverse * x', inverse * y', -inverse * z', 1)
+            const float4 xyz1 = select(makeInt4(0, 0, 0, -1), splat(1.0f),
+                                       make4(-inverse, inverse, -inverse, 0.0f) * swizzle<1, 2, 3, 3>(dets));
+            result = Vec3{lane<0>(xyz1), lane<1>(xyz1), lane<2>(xyz1)};
+            return vertexError(q, xyz1);
         }
     }
 
-    // Border edges (and singular systems) stay on the edge: an end or the midpoint.
-    const Vec3 p0 = v0.position, p1 = v1.position;
-    const Vec3 mid{(p0.x + p1.x) * 0.5f, (p0.y + p1.y) * 0.5f, (p0.z + p1.z) * 0.5f};
-    const float e0 = vertexError(q, p0.x, p0.y, p0.z);
-    const float e1 = vertexError(q, p1.x, p1.y, p1.z);
-    const float e2 = vertexError(q, mid.x, mid.y, mid.z);
+    // Border edges (and singular systems) stay on the edge: an end or the
+    // midpoint, their three errors lane-wise in the order of vertexError.
+    const float4 p0 = loadPosition(v0), p1 = loadPosition(v1);
+    const float4 mid = (p0 + p1) * splat(0.5f);
+    float4 xs = p0, ys = p1, zs = mid, unused = zero4();
+    transpose(xs, ys, zs, unused);
+    const float aa = lane<0>(q.r0), ab = lane<1>(q.r0), ac = lane<2>(q.r0), ad = lane<3>(q.r0);
+    const float bb = lane<0>(q.r1), bc = lane<1>(q.r1), bd = lane<2>(q.r1), cc = lane<3>(q.r1);
+    const float cd = lane<0>(q.r2), dd = lane<1>(q.r2);
+    const float4 errors = splat(aa) * xs * xs + splat(2 * ab) * xs * ys + splat(2 * ac) * xs * zs + splat(2 * ad) * xs +
+                          splat(bb) * ys * ys + splat(2 * bc) * ys * zs + splat(2 * bd) * ys + splat(cc) * zs * zs +
+                          splat(2 * cd) * zs + splat(dd);
+    const float e0 = lane<0>(errors), e1 = lane<1>(errors), e2 = lane<2>(errors);
     const float inner = e2 < e1 ? e2 : e1;
     const float m = inner < e0 ? inner : e0;
     if (e0 == m)
-        result = p0;
+        result = v0.position;
     else if (e1 == m)
-        result = p1;
+        result = v1.position;
     else if (e2 == m)
-        result = mid;
+        result = Vec3{lane<0>(mid), lane<1>(mid), lane<2>(mid)};
     return m;
 }
 
 // Would moving v to p fold one of its triangles over or make it a sliver?
 // Marks the triangles that also hold otherEnd: they vanish in the collapse.
-bool MeshReducerPrivate::flipped(Vec3 p, uint32_t otherEnd, Vertex& v, Flags& deletedFlags) {
-    if (p == v.position) return false;
+bool MeshReducerPrivate::flipped(Vec3 p, uint32_t otherEnd, Vertex& v, Flags& deletedFlags, FlipReport& report) {
+    report.moved = !(p == v.position);
+    if (!report.moved) return false;
     const float4 p4 = load(p);
     for (uint32_t k = 0; k < v.refCount; ++k) {
         const Ref r = refs[size_t(v.firstRef) + k];
@@ -154,17 +235,39 @@ bool MeshReducerPrivate::flipped(Vec3 p, uint32_t otherEnd, Vertex& v, Flags& de
         if (t.deleted) continue;
         const uint32_t a = t.vertex[(r.corner + 1) % 3], b = t.vertex[(r.corner + 2) % 3];
         if (a == otherEnd || b == otherEnd) {
-            deletedFlags[k] = true;
+            deletedFlags.set(k, true);
             continue;
         }
         const float4 d1 = normalized4(loadPosition(vertices[a]) - p4);
         const float4 d2 = normalized4(loadPosition(vertices[b]) - p4);
-        if (std::fabs(dot3(d1, d2)) > 0.999f) return true;
-        deletedFlags[k] = false;
+        if (std::fabs(dot3(d1, d2)) > 0.999f) {
+            report.at = k;
+            report.sliver = true;
+            return true;
+        }
+        deletedFlags.set(k, false);
         const float4 n = normalized4(cross3(d1, d2));
-        if (dot3(n, load(t.normal)) < 0.2f) return true;
+        if (dot3(n, load(t.normal)) < 0.2f) {
+            report.at = k;
+            report.sliver = false;
+            return true;
+        }
     }
     return false;
+}
+
+// The flag writes of a flip test that passed the first `end` corners and, when
+// `failed`, stopped at corner end (after clearing its flag unless `sliver`).
+void MeshReducerPrivate::replayFlags(uint32_t otherEnd, const Vertex& v, Flags& deletedFlags, uint32_t end, bool failed,
+                                     bool sliver) {
+    for (uint32_t k = 0; k < end; ++k) {
+        const Ref r = refs[size_t(v.firstRef) + k];
+        const Triangle& t = triangles[r.triangle];
+        if (t.deleted) continue;
+        const uint32_t a = t.vertex[(r.corner + 1) % 3], b = t.vertex[(r.corner + 2) % 3];
+        deletedFlags.set(k, a == otherEnd || b == otherEnd);
+    }
+    if (failed && !sliver) deletedFlags.set(end, false);
 }
 
 void MeshReducerPrivate::updateTriangles(uint32_t i0, Vertex& v, Flags& deletedFlags, uint32_t& deletedTriangles) {
@@ -173,6 +276,7 @@ void MeshReducerPrivate::updateTriangles(uint32_t i0, Vertex& v, Flags& deletedF
         const Ref r = refs[size_t(v.firstRef) + k];
         Triangle& t = triangles[r.triangle];
         if (t.deleted) continue;
+        for (const uint32_t corner : t.vertex) touchedAt[corner] = clock;
         if (deletedFlags[k]) {
             t.deleted = true;
             ++deletedTriangles;
@@ -332,6 +436,7 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
         Triangle& tri = triangles[t];
         tri.deleted = false;
         tri.dirty = false;
+        tri.failedEdges = 0;
         tri.vertex[0] = inIndices[i];
         tri.vertex[1] = inIndices[i + 1];
         tri.vertex[2] = inIndices[i + 2];
@@ -357,13 +462,17 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
         }
     }
 
+    if (failures.size() < size_t(triangleCount) * 3) failures.resize(size_t(triangleCount) * 3);
+    if (touchedAt.size() < vertexCount) touchedAt.resize(vertexCount);
     uint32_t deletedTriangles = 0;
-    Flags flags0, flags1;
+    flags0.clear(); // each call starts with empty flag arrays
+    flags1.clear();
     bool collapsedSinceRefresh = true;
     for (int iteration = 0; iteration < 100; ++iteration) {
         if (triangleCount - deletedTriangles <= targetTriangles) break;
         if (iteration % 5 == 0) {
             refresh(iteration);
+            refreshedAt = ++clock;
             collapsedSinceRefresh = false;
         }
         for (Triangle& t : triangles) t.dirty = false;
@@ -380,6 +489,23 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
                     Vertex& v1 = vertices[i1];
                     if (v0.border != v1.border) continue;
 
+                    Failure& failure = failures[3 * ti + size_t(j)];
+                    if ((t.failedEdges >> j & 1) && failure.tick > refreshedAt && touchedAt[i0] < failure.tick &&
+                        touchedAt[i1] < failure.tick) {
+                        // Nothing this attempt reads has changed since it
+                        // failed: it fails again. Only its flag writes matter.
+                        flags0.resize(v0.refCount);
+                        flags1.resize(v1.refCount);
+                        const bool secondEnd = failure.ending & 1, sliver = failure.ending & 4;
+                        if (secondEnd) {
+                            if (failure.ending & 2) replayFlags(i1, v0, flags0, v0.refCount, false, false);
+                            replayFlags(i0, v1, flags1, failure.at, true, sliver);
+                        } else {
+                            replayFlags(i1, v0, flags0, failure.at, true, sliver);
+                        }
+                        continue;
+                    }
+
                     // The flip tests walk both vertices' triangles in scattered
                     // memory; start all those loads at once.
                     prefetchTriangles(v0);
@@ -388,9 +514,21 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
                     calculateError(i0, i1, p);
                     flags0.resize(v0.refCount);
                     flags1.resize(v1.refCount);
-                    if (flipped(p, i1, v0, flags0) || flipped(p, i0, v1, flags1)) continue;
+                    FlipReport first, second;
+                    if (flipped(p, i1, v0, flags0, first)) {
+                        failure = Failure{clock + 1, first.at, uint8_t(first.sliver ? 6 : 2)};
+                        t.failedEdges |= uint8_t(1 << j);
+                        continue;
+                    }
+                    if (flipped(p, i0, v1, flags1, second)) {
+                        failure =
+                            Failure{clock + 1, second.at, uint8_t(1 | (first.moved ? 2 : 0) | (second.sliver ? 4 : 0))};
+                        continue;
+                    }
 
                     collapsedSinceRefresh = true;
+                    ++clock;
+                    touchedAt[i0] = touchedAt[i1] = clock;
                     v0.position = p;
                     for (int k = 0; k < 10; ++k) v0.quadric[k] += v1.quadric[k];
                     const size_t start = refs.size();
@@ -414,17 +552,33 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
         // A pass that collapsed nothing on a freshly refreshed mesh leaves every
         // piece of state as it found it, so the following passes repeat it
         // exactly until the threshold crosses a stored error: skip them.
-        if (!collapsedSinceRefresh)
-            while (iteration + 1 < 100 && sameClassification(threshold, thresholdAt(iteration + 1, aggressiveness)))
-                ++iteration;
+        if (!collapsedSinceRefresh) {
+            // The live errors nearest the threshold on either side, found once:
+            // no error lies between two thresholds exactly when neither of
+            // these does. NaN thresholds keep the full scan.
+            bool anyAbove = false, anyBelow = false;
+            float above = 0.0f, below = 0.0f;
+            for (const Triangle& t : triangles) {
+                if (t.deleted) continue;
+                for (const float e : t.error) {
+                    if (e >= threshold && (!anyAbove || e < above)) above = e, anyAbove = true;
+                    if (e <= threshold && (!anyBelow || e > below)) below = e, anyBelow = true;
+                }
+            }
+            const auto same = [&](float next) {
+                if (std::isnan(threshold) || std::isnan(next)) return sameClassification(threshold, next);
+                if (next > threshold) return !(anyAbove && above <= next);
+                if (next < threshold) return !(anyBelow && below >= next);
+                return true;
+            };
+            while (iteration + 1 < 100 && same(thresholdAt(iteration + 1, aggressiveness))) ++iteration;
+        }
     }
 
     compact();
     if (normalize && scale != 0.0f && scale != 1.0f)
         for (Vertex& v : vertices) v.position = Vec3{v.position.x * scale, v.position.y * scale, v.position.z * scale};
 
-    flags0 = Flags();
-    flags1 = Flags();
     if (vertices.empty() || triangles.empty()) return;
     outVertices.resize(vertices.size());
     for (size_t i = 0; i < vertices.size(); ++i) {

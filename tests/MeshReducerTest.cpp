@@ -3,10 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <map>
 #include <random>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -91,6 +93,92 @@ double triangleDistance(D3 p, D3 a, D3 b, D3 c) {
         n.dot((a - c).cross(p - c)) >= 0)
         return std::fabs(n.dot(p - a)) / std::sqrt(n2);
     return std::min({segmentDistance(p, a, b), segmentDistance(p, b, c), segmentDistance(p, c, a)});
+}
+
+// FNV-1a over the bit patterns of the output, vertices then indices.
+uint64_t outputHash(const Result& r) {
+    uint64_t h = 14695981039346656037ull;
+    const auto add = [&h](const void* data, size_t bytes) {
+        const auto* p = static_cast<const unsigned char*>(data);
+        for (size_t i = 0; i < bytes; ++i) h = (h ^ p[i]) * 1099511628211ull;
+    };
+    for (const float4& v : r.vertices) {
+        const float xyzw[4] = {lane<0>(v), lane<1>(v), lane<2>(v), lane<3>(v)};
+        add(xyzw, sizeof xyzw);
+    }
+    add(r.indices.data(), r.indices.size() * sizeof(uint32_t));
+    return h;
+}
+
+// Deterministic noise in [-1, 1) from integer mixing only, so that every
+// platform builds the same input bits.
+float noise(uint32_t x) {
+    x ^= x >> 16;
+    x *= 0x7feb352du;
+    x ^= x >> 15;
+    x *= 0x846ca68bu;
+    x ^= x >> 16;
+    return float(int32_t(x >> 8) - (1 << 23)) / float(1 << 23);
+}
+
+// Grid with every height perturbed: open, with borders and curvature.
+Mesh makeBumpyGrid(int n, float amplitude, uint32_t seed) {
+    Mesh m = testing_support::makeGrid(n, -1, -2, 3, 1, 0.5f);
+    for (size_t v = 0; v < m.vertexCount(); ++v)
+        m.vertices[3 * v + 2] += amplitude * noise(uint32_t(v) * 2654435761u + seed);
+    return m;
+}
+
+// A bumpy ground with rows of thin walls (eight-vertex boxes) standing on it:
+// the walls' collapses fail the flip test pass after pass while the ground
+// collapses around them, and the target is never reached.
+Mesh makeBoxesOnGround(int boxes) {
+    Mesh m = makeBumpyGrid(24, 0.05f, 3);
+    for (int i = 0; i < boxes; ++i)
+        for (int j = 0; j < boxes; ++j) {
+            const float x = -1.0f + 4.0f * float(i) / float(boxes), y = -2.0f + 3.0f * float(j) / float(boxes);
+            const float h = 0.1f + 0.05f * noise(uint32_t(i * 31 + j));
+            const Mesh box = testing_support::makeBox(x, y, 0.6f, x + 0.45f, y + 0.01f, 0.6f + 3 * h);
+            const auto base = uint16_t(m.vertexCount());
+            m.vertices.insert(m.vertices.end(), box.vertices.begin(), box.vertices.end());
+            for (const uint16_t index : box.indices) m.indices.push_back(uint16_t(base + index));
+        }
+    return m;
+}
+
+// Closed sphere from a subdivided cube, each point pushed onto the sphere
+// with a square root (no trigonometry, so the input is bit-identical
+// everywhere) and jittered radially.
+Mesh makeCubeSphere(int n, float radius, float jitter) {
+    Mesh m;
+    std::map<std::array<int, 3>, uint16_t> ids;
+    const auto id = [&](int x, int y, int z) {
+        const auto found = ids.find({x, y, z});
+        if (found != ids.end()) return found->second;
+        const auto index = uint16_t(m.vertexCount());
+        const double length = std::sqrt(double(x * x + y * y + z * z));
+        const double r = radius * (1.0 + jitter * noise(uint32_t(index) * 40503u + 7u));
+        for (const int c : {x, y, z}) m.vertices.push_back(float(c / length * r));
+        ids[{x, y, z}] = index;
+        return index;
+    };
+    // Face axis f with sign s; (u, v) span the other two axes, wound outwards.
+    for (int f = 0; f < 3; ++f)
+        for (const int s : {-1, 1})
+            for (int i = 0; i < n; ++i)
+                for (int j = 0; j < n; ++j) {
+                    uint16_t q[4];
+                    const int du[4] = {0, 1, 1, 0}, dv[4] = {0, 0, 1, 1};
+                    for (int k = 0; k < 4; ++k) {
+                        int c[3];
+                        c[f] = s * n;
+                        c[(f + 1) % 3] = 2 * (i + du[k]) - n;
+                        c[(f + 2) % 3] = s * (2 * (j + dv[k]) - n);
+                        q[k] = id(c[0], c[1], c[2]);
+                    }
+                    m.indices.insert(m.indices.end(), {q[0], q[1], q[2], q[0], q[2], q[3]});
+                }
+    return m;
 }
 
 } // namespace
@@ -238,6 +326,71 @@ TEST(MeshReducer, RealMeshesStayClose) {
                         named.name.c_str(), double(ratio), m.indexCount() / 3, triangles, target, mean, worst);
             EXPECT_LT(worst, 0.05) << named.name << " " << ratio;
             EXPECT_LT(mean, 0.005) << named.name << " " << ratio;
+        }
+    }
+}
+
+// Exact output bits, recorded from the reference implementation: any change
+// to the reduction's arithmetic or decision order shows up here. The inputs
+// and every operation are exact IEEE, so the hashes hold on every backend.
+TEST(MeshReducer, SyntheticOutputBits) {
+    struct Case {
+        const char* name;
+        Mesh mesh;
+        uint64_t hashes[3];
+    };
+    const Case cases[] = {
+        {"bumpy grid 40",
+         makeBumpyGrid(40, 0.02f, 1),
+         {0x4a88f83f768341cbull, 0xaddfcd4b4b0d0d71ull, 0xb9a5c173be6f77f9ull}},
+        {"rough grid 24",
+         makeBumpyGrid(24, 0.3f, 2),
+         {0x9a2f47834a74074bull, 0xb7c60baa0fba5350ull, 0xc610615d5b8350efull}},
+        {"cube sphere 20",
+         makeCubeSphere(20, 2.5f, 0.0f),
+         {0xdfa702c4499e87a7ull, 0x1f1c3ef898841275ull, 0xbcc55c4526f17c23ull}},
+        {"jittered cube sphere 16",
+         makeCubeSphere(16, 1.0f, 0.01f),
+         {0xa93888004b58444cull, 0xf70b2bff17d0212bull, 0x840bbf4124a804b6ull}},
+        {"boxes on ground",
+         makeBoxesOnGround(8),
+         {0xe9152e3a439c2bc1ull, 0xe9152e3a439c2bc1ull, 0xe9152e3a439c2bc1ull}},
+        {"lat-long sphere",
+         makeSphere(12, 20, 1.0f),
+         {0x1e9d2fd65c9fdcb4ull, 0xa640cc790b98a691ull, 0x5bd3a79e25fe7e28ull}},
+    };
+    for (const Case& c : cases) {
+        const float ratios[3] = {0.55f, 0.35f, 0.15f};
+        for (int k = 0; k < 3; ++k) {
+            const auto target = uint32_t(ratios[k] * float(c.mesh.vertexCount()));
+            const Result r = reduceMesh(c.mesh, target);
+            EXPECT_EQ(outputHash(r), c.hashes[k]) << c.name << " " << ratios[k] << ": " << r.indices.size() / 3
+                                                  << " triangles, hash 0x" << std::hex << outputHash(r);
+        }
+    }
+}
+
+TEST(MeshReducer, RealMeshOutputBits) {
+    const auto meshes = testing_support::loadRealMeshes();
+    if (meshes.empty()) GTEST_SKIP() << "no real meshes (needs assimp and the data packages)";
+    const std::map<std::string, std::array<uint64_t, 3>> expected = {
+        {"bunny.obj", {0xca1845762372b451ull, 0x24511a6f73f00fefull, 0x249fe1d70214ab6eull}},
+        {"Wuson.ply", {0x962cba6da0a625cull, 0xd61b5e16b5d98538ull, 0x3be17ee0bc8c2d93ull}},
+        {"spider.obj", {0x731985ecb13a3cc5ull, 0x42c8ea6481ad84c0ull, 0xdbf5163b0aaf75f8ull}},
+        {"regr01.obj", {0x8129aaafebe98133ull, 0x8129aaafebe98133ull, 0x8129aaafebe98133ull}},
+        {"sphereWithHole.stl", {0x766c74e8a0ebeb7eull, 0xda2fc28b66a96c9bull, 0x98bc2d394d404064ull}},
+        {"3DSMaxExport.STL", {0x1ed61bd4bf396e14ull, 0x27b887f6c4ab21e3ull, 0x855fe5791e8afdfaull}},
+    };
+    for (const auto& named : meshes) {
+        const auto found = expected.find(named.name);
+        ASSERT_NE(found, expected.end()) << named.name;
+        const float ratios[3] = {0.55f, 0.35f, 0.15f};
+        for (int k = 0; k < 3; ++k) {
+            const auto target = uint32_t(ratios[k] * float(named.mesh.vertexCount()));
+            const Result r = reduceMesh(named.mesh, target);
+            EXPECT_EQ(outputHash(r), found->second[size_t(k)])
+                << named.name << " " << ratios[k] << ": " << r.indices.size() / 3 << " triangles, hash 0x" << std::hex
+                << outputHash(r);
         }
     }
 }
