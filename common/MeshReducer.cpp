@@ -23,9 +23,9 @@ struct alignas(64) Vertex {
 
 struct Triangle {
     bool deleted;
-    bool dirty;           // changed in this iteration: not collapsed again until the next
-    bool preBorderErrors; // error[] still from the first refresh, before borders were known
-    uint8_t failedEdges;  // bit j: failures[3 t + j] may hold a failed collapse of edge j
+    bool dirty;          // changed in this iteration: not collapsed again until the next
+    bool staleErrors;    // changed by a collapse; error[] is brought up to date before it is next read
+    uint8_t failedEdges; // bit j: failures[3 t + j] may hold a failed collapse of edge j
     uint32_t vertex[3];
     float error[3]; // error[j]: collapse error of edge (vertex[j], vertex[j+1 mod 3])
     Vec3 normal;
@@ -142,6 +142,7 @@ private:
 #endif
     }
     void refresh(int iteration);
+    void refreshStaleErrors();
     bool sameClassification(float a, float b) const;
     void markBorders();
     void compact();
@@ -271,7 +272,6 @@ void MeshReducerPrivate::replayFlags(uint32_t otherEnd, const Vertex& v, Flags& 
 }
 
 void MeshReducerPrivate::updateTriangles(uint32_t i0, Vertex& v, Flags& deletedFlags, uint32_t& deletedTriangles) {
-    Vec3 unused{0.0f, 0.0f, 0.0f};
     for (uint32_t k = 0; k < v.refCount; ++k) {
         const Ref r = refs[size_t(v.firstRef) + k];
         Triangle& t = triangles[r.triangle];
@@ -284,17 +284,28 @@ void MeshReducerPrivate::updateTriangles(uint32_t i0, Vertex& v, Flags& deletedF
         }
         t.vertex[r.corner] = i0;
         t.dirty = true;
-        // Only edges at i0 change: every other vertex's live triangles were
-        // re-evaluated whenever that vertex last moved, so an edge away from
-        // i0 already holds the error a recomputation would give. Errors from
-        // the first refresh predate border marking and are all recomputed.
-        const bool all = t.preBorderErrors;
-        t.preBorderErrors = false;
-        for (int e = 0; e < 3; ++e) {
-            const uint32_t a = t.vertex[e], b = t.vertex[(e + 1) % 3];
-            if (all || a == i0 || b == i0) t.error[e] = calculateError(a, b, unused);
-        }
+        // A changed triangle is dirty for the rest of this pass, so nothing
+        // reads its errors before the next one; they are recomputed there
+        // (often never: the pass that reaches the target is usually the last).
+        t.staleErrors = true;
         refs.push_back(r);
+    }
+}
+
+// Errors of the triangles changed since their errors were last read. The
+// values equal what recomputing at each change would have stored: a triangle
+// is changed again whenever one of its vertices moves, so the last change
+// sees the state its vertices have now, and borders are fixed after the
+// first refresh.
+void MeshReducerPrivate::refreshStaleErrors() {
+    Vec3 unused{0.0f, 0.0f, 0.0f};
+    for (Triangle& t : triangles) {
+        if (!t.staleErrors) continue;
+        t.staleErrors = false;
+        if (t.deleted) continue;
+        t.error[0] = calculateError(t.vertex[0], t.vertex[1], unused);
+        t.error[1] = calculateError(t.vertex[1], t.vertex[2], unused);
+        t.error[2] = calculateError(t.vertex[2], t.vertex[0], unused);
     }
 }
 
@@ -335,7 +346,6 @@ void MeshReducerPrivate::refresh(int iteration) {
         }
         Vec3 unused{0.0f, 0.0f, 0.0f};
         for (Triangle& t : triangles) {
-            t.preBorderErrors = true;
             t.error[0] = calculateError(t.vertex[0], t.vertex[1], unused);
             t.error[1] = calculateError(t.vertex[1], t.vertex[2], unused);
             t.error[2] = calculateError(t.vertex[2], t.vertex[0], unused);
@@ -436,6 +446,7 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
         Triangle& tri = triangles[t];
         tri.deleted = false;
         tri.dirty = false;
+        tri.staleErrors = false;
         tri.failedEdges = 0;
         tri.vertex[0] = inIndices[i];
         tri.vertex[1] = inIndices[i + 1];
@@ -468,12 +479,17 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
     flags0.clear(); // each call starts with empty flag arrays
     flags1.clear();
     bool collapsedSinceRefresh = true;
+    bool errorsStale = false;
     for (int iteration = 0; iteration < 100; ++iteration) {
         if (triangleCount - deletedTriangles <= targetTriangles) break;
         if (iteration % 5 == 0) {
             refresh(iteration);
             refreshedAt = ++clock;
             collapsedSinceRefresh = false;
+        }
+        if (errorsStale) {
+            refreshStaleErrors();
+            errorsStale = false;
         }
         for (Triangle& t : triangles) t.dirty = false;
         const float threshold = thresholdAt(iteration, aggressiveness);
@@ -527,6 +543,7 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
                     }
 
                     collapsedSinceRefresh = true;
+                    errorsStale = true;
                     ++clock;
                     touchedAt[i0] = touchedAt[i1] = clock;
                     v0.position = p;
