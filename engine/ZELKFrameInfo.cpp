@@ -1,20 +1,14 @@
 #include "engine/ZELKFrameInfo.h"
 
 #include "common/Checked.h"
-#include "common/Simd.h"
+#include "common/Indices.h"
 
 #include <cstring>
 
 namespace ZELK {
 
 bool indicesInRange(const uint16_t* indices, uint32_t indexCount, uint32_t vertexCount) {
-    if (vertexCount > 0xFFFF) return true; // every 16-bit index fits
-    common::ushort8 largest = common::splatU16(0);
-    uint32_t i = 0;
-    for (; i + 8 <= indexCount; i += 8) largest = common::max(largest, common::loaduU16(indices + i));
-    uint32_t top = common::horizontalMax(largest);
-    for (; i < indexCount; ++i) top = indices[i] > top ? indices[i] : top;
-    return indexCount == 0 || top < vertexCount;
+    return indexCount == 0 || common::largestIndex(indices, indexCount) < vertexCount;
 }
 
 bool ZELKFrameInfo::submitOccluder(const float* vertices, const uint16_t* indices, uint32_t vertexCount,

@@ -91,8 +91,8 @@ void ZELKPrivate::renderOccluders() {
     // that rasteriser exists; until then no mesh is ever cached.
     for (const common::OccluderRaw& record : frameInfo->rawOccluders) {
         plainRasterizer->setModelViewProjection(frameInfo->viewProjection * record.model);
-        // 16-bit indices reach at most 65,536 vertices; a larger count the host
-        // claims would only make the transform walk vertices nothing uses.
+        // The rasteriser counts in int. 16-bit indices reach at most 65,536
+        // vertices, so a larger count loses nothing when capped.
         const uint32_t usable = record.vertexCount < kMaxIndexedVertices ? record.vertexCount : kMaxIndexedVertices;
         const uint32_t indexCount = record.indexCount < kMaxIndexCount ? record.indexCount : kMaxIndexCount;
         plainRasterizer->render(record.vertices, record.indices, static_cast<int>(usable),

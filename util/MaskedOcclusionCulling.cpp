@@ -2,6 +2,7 @@
 
 #include "common/AlignedAlloc.h"
 #include "common/Checked.h"
+#include "common/Indices.h"
 #include "common/Simd.h"
 
 #include <cfloat>
@@ -540,13 +541,13 @@ void MaskedOcclusionCullingPrivate::reserveTransformed(size_t vertexCount) {
 int MaskedOcclusionCullingPrivate::RenderTriangles(const float* vertices, const uint16_t* indices, int vertexCount,
                                                    int triangleCount) {
     if (vertices == nullptr || indices == nullptr || triangleCount < 1) return OutsideView;
-    const size_t count = vertexCount > 0 ? size_t(vertexCount) : 0;
     const size_t indexCount = common::checkedMul(size_t(triangleCount), size_t(3));
-    // Indices past the vertex count read zero vertices (w = 0, never drawn)
-    // instead of memory beyond the buffer.
-    uint16_t maxIndex = 0;
-    for (size_t i = 0; i < indexCount; ++i) maxIndex = indices[i] > maxIndex ? indices[i] : maxIndex;
-    const size_t needed = count > size_t(maxIndex) ? count : size_t(maxIndex) + 1;
+    // Only vertices up to the largest index are read; indices past the vertex
+    // count read zero vertices (w = 0, never drawn) instead of memory beyond
+    // the host's array.
+    const size_t needed = size_t(common::largestIndex(indices, indexCount)) + 1;
+    const size_t available = vertexCount > 0 ? size_t(vertexCount) : 0;
+    const size_t count = available < needed ? available : needed;
     reserveTransformed(needed);
 
     const float4 c0 = modelViewProjection.columns[0], c1 = modelViewProjection.columns[1];
