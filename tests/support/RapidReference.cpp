@@ -142,4 +142,32 @@ bool boxSeen(const ExactDepthBuffer& occluders, const float* viewProjection, con
     return false;
 }
 
+bool documentedQueryHides(const ExactDepthBuffer& occluders, const float* viewProjection, const float* box) {
+    std::array<double, 4> corner[8];
+    for (int i = 0; i < 8; ++i)
+        corner[i] = transformPoint(viewProjection, box[(i & 1) ? 3 : 0], box[(i & 2) ? 4 : 1], box[(i & 4) ? 5 : 2]);
+    // Outside one of the six planes w +- x, w +- y, w +- z at every corner.
+    for (int axis = 0; axis < 3; ++axis)
+        for (int sign = -1; sign <= 1; sign += 2) {
+            bool outside = true;
+            for (const auto& c : corner) outside = outside && c[3] + sign * c[size_t(axis)] < 0;
+            if (outside) return true;
+        }
+    const double extent = std::max({box[3] - box[0], box[4] - box[1], box[5] - box[2]});
+    double minX = 1e300, maxX = -1e300, minY = 1e300, maxY = -1e300, nearest = -1e300;
+    for (const auto& c : corner) {
+        if (c[3] < 0.001 * extent) return false;
+        const double x = (c[0] / c[3] + 1) * occluders.width / 2, y = (c[1] / c[3] + 1) * occluders.height / 2;
+        minX = std::min(minX, x), maxX = std::max(maxX, x), minY = std::min(minY, y), maxY = std::max(maxY, y);
+        nearest = std::max(nearest, (c[3] - c[2]) / c[3] * rapidDepthScale());
+    }
+    const auto clampRound = [](double v, int limit) {
+        return unsigned(std::nearbyint(std::min(std::max(v, 0.0), double(limit - 1))));
+    };
+    const unsigned x0 = clampRound(minX, occluders.width), x1 = clampRound(maxX, occluders.width);
+    const unsigned y0 = clampRound(minY, occluders.height), y1 = clampRound(maxY, occluders.height);
+    if (x0 > x1 || y0 > y1) return true;
+    return !occluders.query2D(x0, x1, y0, y1, rapidCode(float(nearest)));
+}
+
 } // namespace testing_support

@@ -58,4 +58,9 @@ std::array<double, 4> transformPoint(const float* columnMajor, double x, double 
 bool boxSeen(const ExactDepthBuffer& occluders, const float* viewProjection, const float* box,
              double relativeTolerance);
 
+// The rapid buffer's box test (frustum, near guard, rounded rectangle,
+// nearest corner's code, the two block passes) applied in double precision to
+// an exact buffer's codes: true when that rule hides the box.
+bool documentedQueryHides(const ExactDepthBuffer& occluders, const float* viewProjection, const float* box);
+
 } // namespace testing_support
