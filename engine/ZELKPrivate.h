@@ -43,6 +43,8 @@ public:
     float getNearPlane() const { return nearPlane; }
     const ZELKFrameInfo& getFrameInfo() const { return *frameInfo; }
     const std::shared_ptr<common::CacheManager>& getCacheManager() const { return cacheManager; }
+    // For inspection tools only (the demo's pictures); not part of the exported interface.
+    const util::PlainRasterizer& getPlainRasterizer() const { return *plainRasterizer; }
 
 private:
     ZELKPrivate();
