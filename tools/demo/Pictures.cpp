@@ -122,29 +122,65 @@ std::vector<float> rapidDepth(int width, int height) {
     return out;
 }
 
-// Draws a line between two world points projected through viewProjection.
-void worldLine(Image& image, const Mat4& m, const float a[3], const float b[3], const uint8_t colour[3]) {
-    auto project = [&](const float* p, double& sx, double& sy) {
-        const double x = m[0] * p[0] + m[4] * p[1] + m[8] * p[2] + m[12];
-        const double y = m[1] * p[0] + m[5] * p[1] + m[9] * p[2] + m[13];
-        const double w = m[3] * p[0] + m[7] * p[1] + m[11] * p[2] + m[15];
-        sx = image.width * 0.5 * (1 + x / w);
-        sy = image.height * 0.5 * (1 - y / w);
-    };
-    double x0, y0, x1, y1;
-    project(a, x0, y0);
-    project(b, x1, y1);
-    const int steps = int(std::min(4096.0, std::max(std::fabs(x1 - x0), std::fabs(y1 - y0)) + 1));
+// Draws the segment a-b (world space) through m, clipped at w >= nearW.
+// With a depth buffer (1/w per pixel), pixels behind it are drawn faint.
+void worldLine(Image& image, const Mat4& m, const float a[3], const float b[3], const uint8_t colour[3], float nearW,
+               const std::vector<float>* depth) {
+    double c[2][3];
+    for (int k = 0; k < 2; ++k) {
+        const float* p = k ? b : a;
+        c[k][0] = m[0] * p[0] + m[4] * p[1] + m[8] * p[2] + m[12];
+        c[k][1] = m[1] * p[0] + m[5] * p[1] + m[9] * p[2] + m[13];
+        c[k][2] = m[3] * p[0] + m[7] * p[1] + m[11] * p[2] + m[15];
+    }
+    if (c[0][2] < nearW && c[1][2] < nearW) return;
+    for (int k = 0; k < 2; ++k)
+        if (c[k][2] < nearW) {
+            const double t = (nearW - c[k][2]) / (c[1 - k][2] - c[k][2]);
+            for (int e = 0; e < 3; ++e) c[k][e] += (c[1 - k][e] - c[k][e]) * t;
+        }
+    double sx[2], sy[2], iz[2];
+    for (int k = 0; k < 2; ++k) {
+        iz[k] = 1.0 / c[k][2];
+        sx[k] = image.width * 0.5 * (1 + c[k][0] * iz[k]);
+        sy[k] = image.height * 0.5 * (1 - c[k][1] * iz[k]);
+    }
+    const int steps = int(std::min(4096.0, std::max(std::fabs(sx[1] - sx[0]), std::fabs(sy[1] - sy[0])) + 1));
     for (int i = 0; i <= steps; ++i) {
         const double t = double(i) / steps;
-        const int x = int(x0 + (x1 - x0) * t), y = int(y0 + (y1 - y0) * t);
-        for (int d = 0; d < 4; ++d) image.blend(x + (d & 1), y + (d >> 1), colour, 1.0f);
+        const int x = int(std::floor(sx[0] + (sx[1] - sx[0]) * t)), y = int(std::floor(sy[0] + (sy[1] - sy[0]) * t));
+        if (x < 0 || y < 0 || x >= image.width || y >= image.height) continue;
+        bool seen = true;
+        if (depth != nullptr) {
+            const double z = iz[0] + (iz[1] - iz[0]) * t;
+            seen = z >= (*depth)[size_t(y) * size_t(image.width) + size_t(x)] * (1.0 - 1e-4);
+        }
+        image.blend(x, y, colour, seen ? 1.0f : 0.2f);
+    }
+}
+
+void boxEdges(Image& image, const Mat4& m, const float* box, const uint8_t colour[3], float nearW,
+              const std::vector<float>* depth) {
+    for (int e = 0; e < 12; ++e) {
+        // Edge e runs along axis e / 4 from a corner whose other two coordinates come from e % 4.
+        const int axis = e / 4, u = (axis + 1) % 3, v = (axis + 2) % 3;
+        float a[3], b[3];
+        a[axis] = box[axis];
+        b[axis] = box[axis + 3];
+        a[u] = b[u] = box[u + ((e & 1) ? 3 : 0)];
+        a[v] = b[v] = box[v + ((e & 2) ? 3 : 0)];
+        worldLine(image, m, a, b, colour, nearW, depth);
     }
 }
 
 const uint8_t* outcomeColour(bool reportedVisible, const BoxCoverage& truth) {
     if (truth.visible > 0) return reportedVisible ? kVisible : kFalse;
     return reportedVisible ? kKept : kCulled;
+}
+
+// Hidden boxes first, then visible ones, false occlusions last, on top.
+int drawOrder(bool reportedVisible, const BoxCoverage& truth) {
+    return truth.visible == 0 ? 0 : reportedVisible ? 1 : 2;
 }
 
 } // namespace
@@ -158,18 +194,15 @@ bool writePictures(const std::string& dir, const Scene& scene, const CameraPose&
     if (!writePng(dir + "/depth-rapid.png", greyDepth(width, height, rapidDepth(width, height)), error)) return false;
     if (!writePng(dir + "/depth-reference.png", greyDepth(width, height, reference.depth()), error)) return false;
 
-    // From the camera: the exact depth in grey; visible box pixels solid by
-    // outcome, boxes behind the occluders tinted so that culling shows.
+    // From the camera: the exact depth in grey, every box on screen outlined
+    // by outcome, solid where the edge is in sight and faint behind occluders.
     Image camera = greyDepth(width, height, reference.depth());
-    const std::vector<float>& depth = reference.depth();
-    for (uint32_t b = 0; b < scene.boxCount(); ++b) {
-        if (truth[b].covered == 0) continue;
-        const uint8_t* colour = outcomeColour(reported[b] != 0, truth[b]);
-        reference.boxPixels(&scene.boxes[6 * b], viewProjection, [&](int x, int y, float iz) {
-            const bool seen = iz >= depth[size_t(y) * size_t(width) + size_t(x)] * (1.0f - 1e-5f);
-            camera.blend(x, y, colour, seen ? 0.8f : 0.12f);
-        });
-    }
+    for (int pass = 0; pass < 3; ++pass)
+        for (uint32_t b = 0; b < scene.boxCount(); ++b) {
+            if (truth[b].covered == 0 || drawOrder(reported[b] != 0, truth[b]) != pass) continue;
+            boxEdges(camera, viewProjection, &scene.boxes[6 * b], outcomeColour(reported[b] != 0, truth[b]),
+                     scene.nearPlane, &reference.depth());
+        }
     if (!writePng(dir + "/camera.png", camera, error)) return false;
 
     // From above: a narrow perspective from far over the scene's middle, north up.
@@ -184,23 +217,17 @@ bool writePictures(const std::string& dir, const Scene& scene, const CameraPose&
     top.setup(side, side, extent);
     for (const Instance& in : scene.instances) top.drawMesh(scene.meshes[in.mesh], multiply(topProjection, in.model));
     Image overview = greyDepth(side, side, top.depth());
-    // Hidden boxes first so that visible ones and false occlusions stay on top.
     for (int pass = 0; pass < 3; ++pass)
-        for (uint32_t b = 0; b < scene.boxCount(); ++b) {
-            const bool trulyVisible = truth[b].visible > 0, reportedVisible = reported[b] != 0;
-            const int order = trulyVisible ? (reportedVisible ? 1 : 2) : 0;
-            if (order != pass) continue;
-            const uint8_t* colour = outcomeColour(reportedVisible, truth[b]);
-            const float alpha = pass == 0 ? 0.25f : 0.9f;
-            top.boxPixels(&scene.boxes[6 * b], topProjection,
-                          [&](int x, int y, float) { overview.blend(x, y, colour, alpha); });
-        }
+        for (uint32_t b = 0; b < scene.boxCount(); ++b)
+            if (drawOrder(reported[b] != 0, truth[b]) == pass)
+                boxEdges(overview, topProjection, &scene.boxes[6 * b], outcomeColour(reported[b] != 0, truth[b]),
+                         extent, nullptr);
     // The camera and the edges of its view, 1/8 of the scene long.
     const float reach = extent * 0.25f, halfFov = std::atan(std::tan(scene.fovY * 0.5f) * float(width) / float(height));
     for (float side0 : {-1.0f, 1.0f}) {
         const float yaw = pose.yaw + side0 * halfFov;
         const float end[3] = {pose.eye[0] - std::sin(yaw) * reach, pose.eye[1], pose.eye[2] - std::cos(yaw) * reach};
-        worldLine(overview, topProjection, pose.eye, end, kCamera);
+        worldLine(overview, topProjection, pose.eye, end, kCamera, extent, nullptr);
     }
     return writePng(dir + "/above.png", overview, error);
 }
