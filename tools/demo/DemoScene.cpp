@@ -234,6 +234,8 @@ std::vector<CameraPose> makeCityPath() {
 
 } // namespace
 
+float streetCentreOf(int i) { return streetCentre(i); }
+
 Scene makeCity(uint32_t seed) {
     Scene scene;
     scene.name = "city";

@@ -58,6 +58,8 @@ Mat4 perspective(float fovY, float aspect, float zNear, float zFar);
 Mat4 viewFrom(const CameraPose& pose);
 
 // The built-in procedural city with its camera path.
+// Centre line of the city's i-th street (0 .. 10), along x and along z alike.
+float streetCentreOf(int i);
 Scene makeCity(uint32_t seed);
 // Adds a mesh file read by assimp to the scene, instanced at a few places,
 // with one box per instance and mesh part. Returns false with a message.
