@@ -1,5 +1,7 @@
 #include "DemoScene.h"
 
+#include "common/Matrix4x4.h"
+
 #include <algorithm>
 #include <cmath>
 #include <random>
@@ -9,13 +11,10 @@ namespace demo {
 Mat4 identity() { return {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1}; }
 
 Mat4 multiply(const Mat4& a, const Mat4& b) {
-    Mat4 r{};
-    for (int j = 0; j < 4; ++j)
-        for (int i = 0; i < 4; ++i) {
-            float s = 0;
-            for (int k = 0; k < 4; ++k) s += a[k * 4 + i] * b[j * 4 + k];
-            r[j * 4 + i] = s;
-        }
+    // The library's own product, so that the reference sees the matrices the library forms.
+    Mat4 r;
+    (common::Matrix4x4::fromColumnMajor(a.data()) * common::Matrix4x4::fromColumnMajor(b.data()))
+        .toColumnMajor(r.data());
     return r;
 }
 
