@@ -36,6 +36,7 @@ struct Sample {
 struct Truth {
     uint64_t visible = 0, hidden = 0, hiddenOnScreen = 0;
     uint64_t culledHidden = 0, culledHiddenOnScreen = 0; // truly hidden and reported hidden
+    uint64_t keptNear = 0; // truly hidden, reported visible, reaching before the near plane or behind the eye
     uint64_t falseOcclusions = 0, falseNear = 0, severe = 0, severeNear = 0;
     uint64_t snapped = 0, severeSnapped = 0; // false occlusions that vanish once occluder vertices are snapped
     uint64_t reportedHidden = 0, queried = 0;
@@ -202,6 +203,7 @@ int main(int argc, char** argv) {
                 } else {
                     ++total.hidden;
                     total.culledHidden += !reportedVisible;
+                    total.keptNear += reportedVisible && c.crossesNear;
                     if (c.covered > 0) {
                         ++total.hiddenOnScreen;
                         total.culledHiddenOnScreen += !reportedVisible;
@@ -264,15 +266,17 @@ int main(int argc, char** argv) {
         else
             std::printf(
                 ", \"truly_visible\": %llu, \"truly_hidden\": %llu, \"truly_hidden_on_screen\": %llu, "
+                "\"truly_hidden_kept_crossing_near\": %llu, "
                 "\"false_occlusions\": %llu, \"false_occlusions_near\": %llu, \"false_occlusions_severe\": %llu, "
                 "\"false_occlusions_severe_near\": %llu, \"false_occlusions_by_snapping\": %llu, "
                 "\"false_occlusions_severe_by_snapping\": %llu, \"culling_efficiency\": %.6f, "
                 "\"culling_efficiency_on_screen\": %.6f",
                 (unsigned long long)total.visible, (unsigned long long)total.hidden,
-                (unsigned long long)total.hiddenOnScreen, (unsigned long long)total.falseOcclusions,
-                (unsigned long long)total.falseNear, (unsigned long long)total.severe,
-                (unsigned long long)total.severeNear, (unsigned long long)total.snapped,
-                (unsigned long long)total.severeSnapped, efficiency, efficiencyOnScreen);
+                (unsigned long long)total.hiddenOnScreen, (unsigned long long)total.keptNear,
+                (unsigned long long)total.falseOcclusions, (unsigned long long)total.falseNear,
+                (unsigned long long)total.severe, (unsigned long long)total.severeNear,
+                (unsigned long long)total.snapped, (unsigned long long)total.severeSnapped, efficiency,
+                efficiencyOnScreen);
         std::printf(", \"timings_ms\": {");
         for (int k = 0; k < kKindCount; ++k) {
             std::printf("%s\"%s\": {\"frames\": %zu, \"raw_occluders\": %.1f, \"cached_occluders\": %.1f",
@@ -314,6 +318,8 @@ int main(int argc, char** argv) {
     std::printf("  of which explained by vertex snapping (gone once occluder vertices are rounded to pixels): %llu, "
                 "severe %llu\n",
                 (unsigned long long)total.snapped, (unsigned long long)total.severeSnapped);
-    std::printf("culling efficiency: %.4f overall, %.4f on screen\n", efficiency, efficiencyOnScreen);
+    std::printf("culling efficiency: %.4f overall, %.4f on screen; %llu hidden boxes were kept because they reach "
+                "before the near plane or behind the eye\n",
+                efficiency, efficiencyOnScreen, (unsigned long long)total.keptNear);
     return 0;
 }
