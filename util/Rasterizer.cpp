@@ -534,15 +534,18 @@ bool Rasterizer::testBox(float4 boundsMin, float4 boundsMax, bool& needsClipping
 
     const float4 r0 = rcp(p[3][0]), r1 = rcp(p[3][1]);
     const float4 x0 = p[0][0] * r0, x1 = p[0][1] * r1, y0 = p[1][0] * r0, y1 = p[1][1] * r1;
+    // A corner that is not a number leaves nothing reliable: visible. Past
+    // this check the extremes need no NaN handling.
+    if (!allTrue(isFinite(x0) & isFinite(x1) & isFinite(y0) & isFinite(y1))) return true;
     // Lane-wise extremes of (x, y, x, y), then one transpose gathers
     // (min x, min y, max x, max y) across the four lanes.
-    float4 a = min(x0, x1), b = min(y0, y1), c = max(x0, x1), d = max(y0, y1);
+    float4 a = minNumber(x0, x1), b = minNumber(y0, y1), c = maxNumber(x0, x1), d = maxNumber(y0, y1);
     transpose(a, b, c, d);
-    const float4 lows = min(min(a, b), min(c, d)), highs = max(max(a, b), max(c, d));
+    const float4 lows = minNumber(minNumber(a, b), minNumber(c, d));
+    const float4 highs = maxNumber(maxNumber(a, b), maxNumber(c, d));
     const float4 rect = select(makeInt4(-1, -1, 0, 0), lows, highs);
-    if (!allTrue(isFinite(rect))) return true;
     const float4 limits = make4(float(width - 1), float(height - 1), float(width - 1), float(height - 1));
-    const int4 bounds = roundToInt(max(min(rect, limits), zero4()));
+    const int4 bounds = roundToInt(maxNumber(minNumber(rect, limits), zero4()));
     const int minX = lane<0>(bounds), minY = lane<1>(bounds), maxX = lane<2>(bounds), maxY = lane<3>(bounds);
     if (minX > maxX || minY > maxY) return false;
     if (withFraction) screenFraction = float(unsigned(maxX - minX) * unsigned(maxY - minY)) / float(width * height);
@@ -557,16 +560,10 @@ bool Rasterizer::query2D(unsigned minX, unsigned maxX, unsigned minY, unsigned m
     const unsigned bx0 = minX >> 3, bx1 = maxX >> 3, by0 = minY >> 3, by1 = maxY >> 3;
     const ushort8 q = splatU16(depth);
 
-    // Coarse: some block's conservative depth must not be nearer than the box.
-    bool candidate = false;
-    for (unsigned by = by0; by <= by1 && !candidate; ++by)
-        for (unsigned run = bx0; run <= bx1 && !candidate; run += 8) {
-            const ushort8 depths = loaduU16(&blockDepth[size_t(by) * blocksX + run]);
-            candidate = (byteMask(cmpGe(q, depths)) & runMask(bx1 - run + 1)) != 0;
-        }
-    if (!candidate) return false;
-
-    // Fine: pixels of blocks strictly farther than the box.
+    // The described coarse pass (is any block not nearer than the box?) is
+    // implied by this one, which only ever looks inside blocks strictly
+    // farther than the box: when none is, it reads no pixel and answers
+    // hidden, as the coarse pass would. One pass gives the same answers.
     for (unsigned by = by0; by <= by1; ++by)
         for (unsigned run = bx0; run <= bx1; run += 8) {
             const size_t rowStart = size_t(by) * blocksX;
