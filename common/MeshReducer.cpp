@@ -480,6 +480,7 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
     flags1.clear();
     bool collapsedSinceRefresh = true;
     bool errorsStale = false;
+    bool collapsedThisPass = false;
     for (int iteration = 0; iteration < 100; ++iteration) {
         if (triangleCount - deletedTriangles <= targetTriangles) break;
         if (iteration % 5 == 0) {
@@ -493,6 +494,7 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
         }
         for (Triangle& t : triangles) t.dirty = false;
         const float threshold = thresholdAt(iteration, aggressiveness);
+        collapsedThisPass = false;
 
         for (size_t ti = 0; ti < triangles.size(); ++ti) {
             Triangle& t = triangles[ti];
@@ -542,7 +544,7 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
                         continue;
                     }
 
-                    collapsedSinceRefresh = true;
+                    collapsedSinceRefresh = collapsedThisPass = true;
                     errorsStale = true;
                     ++clock;
                     touchedAt[i0] = touchedAt[i1] = clock;
@@ -566,10 +568,14 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
                 if (triangleCount - deletedTriangles <= targetTriangles) break;
             }
         }
-        // A pass that collapsed nothing on a freshly refreshed mesh leaves every
-        // piece of state as it found it, so the following passes repeat it
-        // exactly until the threshold crosses a stored error: skip them.
-        if (!collapsedSinceRefresh) {
+        // A pass that collapsed nothing changed nothing but flag bits, and the
+        // next pass makes the same decisions (so the same flag writes) unless
+        // the threshold crosses a stored error: such passes are skipped. Once
+        // no later threshold crosses one, every remaining pass is a no-op and
+        // the loop ends. A refresh reorders refs and so the flag writes of the
+        // passes after it; it is run, with its pass, unless nothing collapsed
+        // since the last one, when it rebuilds the same refs.
+        if (!collapsedThisPass) {
             // The live errors nearest the threshold on either side, found once:
             // no error lies between two thresholds exactly when neither of
             // these does. NaN thresholds keep the full scan.
@@ -588,7 +594,11 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
                 if (next < threshold) return !(anyBelow && below >= next);
                 return true;
             };
-            while (iteration + 1 < 100 && same(thresholdAt(iteration + 1, aggressiveness))) ++iteration;
+            int next = iteration + 1;
+            while (next < 100 && same(thresholdAt(next, aggressiveness))) ++next;
+            if (next == 100) break;
+            const int nextRefresh = (iteration / 5 + 1) * 5;
+            iteration = (collapsedSinceRefresh ? std::min(next, nextRefresh) : next) - 1;
         }
     }
 
