@@ -24,12 +24,19 @@ struct alignas(64) Vertex {
 struct Triangle {
     bool deleted;
     bool dirty;          // changed in this iteration: not collapsed again until the next
-    bool staleErrors;    // changed by a collapse; error[] is brought up to date before it is next read
+    uint8_t knownErrors; // kErrorKnown bit j: error[j] is up to date; kAsLoaded: unchanged since the start
     uint8_t failedEdges; // bit j: failures[3 t + j] may hold a failed collapse of edge j
     uint32_t vertex[3];
     float error[3]; // error[j]: collapse error of edge (vertex[j], vertex[j+1 mod 3])
     Vec3 normal;
 };
+
+// Errors are computed when first read. A triangle unchanged since the start
+// computes them as the start did, before borders were marked; a changed one
+// with its vertices as they are when read, which is as they were at its last
+// change: every move of a vertex changes all of its triangles.
+constexpr uint8_t kErrorKnown[3] = {1, 2, 4};
+constexpr uint8_t kAsLoaded = 8;
 
 struct Ref {
     uint32_t triangle;
@@ -123,7 +130,15 @@ public:
                 float aggressiveness, bool normalize);
 
 private:
-    float calculateError(uint32_t i0, uint32_t i1, Vec3& result);
+    float calculateError(uint32_t i0, uint32_t i1, Vec3& result, bool ignoreBorders = false);
+    float errorOf(Triangle& t, int j) {
+        if (!(t.knownErrors & kErrorKnown[j])) {
+            Vec3 unused{0.0f, 0.0f, 0.0f};
+            t.error[j] = calculateError(t.vertex[j], t.vertex[(j + 1) % 3], unused, t.knownErrors & kAsLoaded);
+            t.knownErrors |= kErrorKnown[j];
+        }
+        return t.error[j];
+    }
     // How a flip test ended: whether the vertex moves at all, and on a flip
     // the corner it stopped at and which of the two tests failed there.
     struct FlipReport {
@@ -142,8 +157,7 @@ private:
 #endif
     }
     void refresh(int iteration);
-    void refreshStaleErrors();
-    bool sameClassification(float a, float b) const;
+    bool sameClassification(float a, float b);
     void markBorders();
     void compact();
 };
@@ -165,7 +179,7 @@ inline float vertexError(const SummedQuadric& q, float4 xyz1) {
            lane<3>(t1) + lane<0>(t2) + lane<1>(t2);
 }
 
-float MeshReducerPrivate::calculateError(uint32_t i0, uint32_t i1, Vec3& result) {
+float MeshReducerPrivate::calculateError(uint32_t i0, uint32_t i1, Vec3& result, bool ignoreBorders) {
     const Vertex& v0 = vertices[i0];
     const Vertex& v1 = vertices[i1];
     SummedQuadric q;
@@ -173,7 +187,7 @@ float MeshReducerPrivate::calculateError(uint32_t i0, uint32_t i1, Vec3& result)
     q.r1 = load4(v0.quadric + 4) + load4(v1.quadric + 4);
     q.r2 = make4(v0.quadric[8], v0.quadric[9], 0.0f, 0.0f) + make4(v1.quadric[8], v1.quadric[9], 0.0f, 0.0f);
 
-    if (!(v0.border && v1.border)) {
+    if (ignoreBorders || !(v0.border && v1.border)) {
         // The minimiser of the quadric solves a 3x3 system (Cramer's rule). The
         // four determinants (system, then the numerators of x, y, z) side by
         // side, each lane with det3's operations in det3's order:
@@ -284,40 +298,25 @@ void MeshReducerPrivate::updateTriangles(uint32_t i0, Vertex& v, Flags& deletedF
         }
         t.vertex[r.corner] = i0;
         t.dirty = true;
-        // A changed triangle is dirty for the rest of this pass, so nothing
-        // reads its errors before the next one; they are recomputed there
-        // (often never: the pass that reaches the target is usually the last).
-        t.staleErrors = true;
+        // Dirty for the rest of this pass, so nothing reads its errors before
+        // the next one (often never: the pass that reaches the target is
+        // usually the last).
+        t.knownErrors = 0;
         refs.push_back(r);
-    }
-}
-
-// Errors of the triangles changed since their errors were last read. The
-// values equal what recomputing at each change would have stored: a triangle
-// is changed again whenever one of its vertices moves, so the last change
-// sees the state its vertices have now, and borders are fixed after the
-// first refresh.
-void MeshReducerPrivate::refreshStaleErrors() {
-    Vec3 unused{0.0f, 0.0f, 0.0f};
-    for (Triangle& t : triangles) {
-        if (!t.staleErrors) continue;
-        t.staleErrors = false;
-        if (t.deleted) continue;
-        t.error[0] = calculateError(t.vertex[0], t.vertex[1], unused);
-        t.error[1] = calculateError(t.vertex[1], t.vertex[2], unused);
-        t.error[2] = calculateError(t.vertex[2], t.vertex[0], unused);
     }
 }
 
 // True when every live edge compares the same way (below, above, equal) with
 // threshold a as with threshold b.
-bool MeshReducerPrivate::sameClassification(float a, float b) const {
+bool MeshReducerPrivate::sameClassification(float a, float b) {
     if (a == b) return true;
     const float lo = std::min(a, b), hi = std::max(a, b);
-    for (const Triangle& t : triangles) {
+    for (Triangle& t : triangles) {
         if (t.deleted) continue;
-        for (const float e : t.error)
+        for (int j = 0; j < 3; ++j) {
+            const float e = errorOf(t, j);
             if (e >= lo && e <= hi) return false;
+        }
     }
     return true;
 }
@@ -344,12 +343,7 @@ void MeshReducerPrivate::refresh(int iteration) {
                 for (int k = 0; k < 10; ++k) q[k] += plane[k];
             }
         }
-        Vec3 unused{0.0f, 0.0f, 0.0f};
-        for (Triangle& t : triangles) {
-            t.error[0] = calculateError(t.vertex[0], t.vertex[1], unused);
-            t.error[1] = calculateError(t.vertex[1], t.vertex[2], unused);
-            t.error[2] = calculateError(t.vertex[2], t.vertex[0], unused);
-        }
+        for (Triangle& t : triangles) t.knownErrors = kAsLoaded;
     }
 
     // Incident corners of every vertex, contiguous and in triangle order.
@@ -446,7 +440,7 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
         Triangle& tri = triangles[t];
         tri.deleted = false;
         tri.dirty = false;
-        tri.staleErrors = false;
+        tri.knownErrors = 0;
         tri.failedEdges = 0;
         tri.vertex[0] = inIndices[i];
         tri.vertex[1] = inIndices[i + 1];
@@ -479,7 +473,6 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
     flags0.clear(); // each call starts with empty flag arrays
     flags1.clear();
     bool collapsedSinceRefresh = true;
-    bool errorsStale = false;
     bool collapsedThisPass = false;
     for (int iteration = 0; iteration < 100; ++iteration) {
         if (triangleCount - deletedTriangles <= targetTriangles) break;
@@ -488,10 +481,6 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
             refreshedAt = ++clock;
             collapsedSinceRefresh = false;
         }
-        if (errorsStale) {
-            refreshStaleErrors();
-            errorsStale = false;
-        }
         for (Triangle& t : triangles) t.dirty = false;
         const float threshold = thresholdAt(iteration, aggressiveness);
         collapsedThisPass = false;
@@ -499,9 +488,9 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
         for (size_t ti = 0; ti < triangles.size(); ++ti) {
             Triangle& t = triangles[ti];
             if (t.deleted || t.dirty) continue;
-            if (t.error[0] > threshold && t.error[1] > threshold && t.error[2] > threshold) continue;
+            if (errorOf(t, 0) > threshold && errorOf(t, 1) > threshold && errorOf(t, 2) > threshold) continue;
             for (int j = 0; j < 3; ++j) {
-                if (t.error[j] < threshold) {
+                if (errorOf(t, j) < threshold) {
                     const uint32_t i0 = t.vertex[j], i1 = t.vertex[(j + 1) % 3];
                     Vertex& v0 = vertices[i0];
                     Vertex& v1 = vertices[i1];
@@ -545,7 +534,6 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
                     }
 
                     collapsedSinceRefresh = collapsedThisPass = true;
-                    errorsStale = true;
                     ++clock;
                     touchedAt[i0] = touchedAt[i1] = clock;
                     v0.position = p;
@@ -581,9 +569,10 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
             // these does. NaN thresholds keep the full scan.
             bool anyAbove = false, anyBelow = false;
             float above = 0.0f, below = 0.0f;
-            for (const Triangle& t : triangles) {
+            for (Triangle& t : triangles) {
                 if (t.deleted) continue;
-                for (const float e : t.error) {
+                for (int j = 0; j < 3; ++j) {
+                    const float e = errorOf(t, j);
                     if (e >= threshold && (!anyAbove || e < above)) above = e, anyAbove = true;
                     if (e <= threshold && (!anyBelow || e > below)) below = e, anyBelow = true;
                 }
