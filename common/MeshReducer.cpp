@@ -12,10 +12,10 @@ namespace common {
 
 namespace {
 
-// One cache line each; the quadric first, so that its rows load aligned.
-struct alignas(64) Vertex {
+// Positions live apart, in MeshReducerPrivate::positions: the flip test reads
+// the positions of many vertices and nothing else of them.
+struct Vertex {
     float quadric[10]; // symmetric 4x4: aa ab ac ad bb bc bd cc cd dd
-    Vec3 position;
     uint32_t firstRef; // first incident corner in refs
     uint32_t refCount; // incident corners; in the final compaction: vertex in use
     bool border;       // on an open boundary of the mesh
@@ -78,12 +78,7 @@ inline Vec3 normalized(Vec3 a) {
 // Lane-wise forms of the above: the same IEEE operations in the same order
 // (dot3 sums x, y, then z), four lanes at a time.
 inline float4 load(Vec3 a) { return make4(a.x, a.y, a.z, 0.0f); }
-// A vertex position with w = 0, read as one 16-byte load: the four bytes after
-// the position are firstRef, inside the same Vertex.
-inline float4 loadPosition(const Vertex& v) {
-    static_assert(offsetof(Vertex, firstRef) == offsetof(Vertex, position) + sizeof(Vec3), "layout");
-    return asFloat(asInt(loadu4(&v.position.x)) & makeInt4(-1, -1, -1, 0));
-}
+inline Vec3 toVec3(float4 a) { return Vec3{lane<0>(a), lane<1>(a), lane<2>(a)}; }
 inline float4 normalized4(float4 a) {
     const float length = std::sqrt(dot3(a, a));
     if (length != 0.0f) return a / splat(length);
@@ -104,6 +99,7 @@ class MeshReducerPrivate {
 public:
     std::vector<Triangle> triangles;
     std::vector<Vertex> vertices;
+    std::vector<float4> positions; // per vertex, w = 0
     std::vector<Ref> refs;
     // Scratch for border marking: occurrences per vertex and the vertices met.
     std::vector<uint32_t> neighbourCounts;
@@ -146,7 +142,7 @@ private:
         bool sliver;
         uint32_t at;
     };
-    bool flipped(Vec3 p, uint32_t otherEnd, Vertex& v, Flags& deletedFlags, FlipReport& report);
+    bool flipped(Vec3 p, uint32_t otherEnd, uint32_t self, Flags& deletedFlags, FlipReport& report);
     void replayFlags(uint32_t otherEnd, const Vertex& v, Flags& deletedFlags, uint32_t end, bool failed, bool sliver);
     void updateTriangles(uint32_t i0, Vertex& v, Flags& deletedFlags, uint32_t& deletedTriangles);
     void prefetchTriangles(const Vertex& v) const {
@@ -183,8 +179,8 @@ float MeshReducerPrivate::calculateError(uint32_t i0, uint32_t i1, Vec3& result,
     const Vertex& v0 = vertices[i0];
     const Vertex& v1 = vertices[i1];
     SummedQuadric q;
-    q.r0 = load4(v0.quadric) + load4(v1.quadric);
-    q.r1 = load4(v0.quadric + 4) + load4(v1.quadric + 4);
+    q.r0 = loadu4(v0.quadric) + loadu4(v1.quadric);
+    q.r1 = loadu4(v0.quadric + 4) + loadu4(v1.quadric + 4);
     q.r2 = make4(v0.quadric[8], v0.quadric[9], 0.0f, 0.0f) + make4(v1.quadric[8], v1.quadric[9], 0.0f, 0.0f);
 
     if (ignoreBorders || !(v0.border && v1.border)) {
@@ -216,7 +212,7 @@ float MeshReducerPrivate::calculateError(uint32_t i0, uint32_t i1, Vec3& result,
 
     // Border edges (and singular systems) stay on the edge: an end or the
     // midpoint, their three errors lane-wise in the order of vertexError.
-    const float4 p0 = loadPosition(v0), p1 = loadPosition(v1);
+    const float4 p0 = positions[i0], p1 = positions[i1];
     const float4 mid = (p0 + p1) * splat(0.5f);
     float4 xs = p0, ys = p1, zs = mid, unused = zero4();
     transpose(xs, ys, zs, unused);
@@ -230,9 +226,9 @@ float MeshReducerPrivate::calculateError(uint32_t i0, uint32_t i1, Vec3& result,
     const float inner = e2 < e1 ? e2 : e1;
     const float m = inner < e0 ? inner : e0;
     if (e0 == m)
-        result = v0.position;
+        result = toVec3(p0);
     else if (e1 == m)
-        result = v1.position;
+        result = toVec3(p1);
     else if (e2 == m)
         result = Vec3{lane<0>(mid), lane<1>(mid), lane<2>(mid)};
     return m;
@@ -240,8 +236,9 @@ float MeshReducerPrivate::calculateError(uint32_t i0, uint32_t i1, Vec3& result,
 
 // Would moving v to p fold one of its triangles over or make it a sliver?
 // Marks the triangles that also hold otherEnd: they vanish in the collapse.
-bool MeshReducerPrivate::flipped(Vec3 p, uint32_t otherEnd, Vertex& v, Flags& deletedFlags, FlipReport& report) {
-    report.moved = !(p == v.position);
+bool MeshReducerPrivate::flipped(Vec3 p, uint32_t otherEnd, uint32_t self, Flags& deletedFlags, FlipReport& report) {
+    const Vertex& v = vertices[self];
+    report.moved = !(p == toVec3(positions[self]));
     if (!report.moved) return false;
     const float4 p4 = load(p);
     for (uint32_t k = 0; k < v.refCount; ++k) {
@@ -253,8 +250,8 @@ bool MeshReducerPrivate::flipped(Vec3 p, uint32_t otherEnd, Vertex& v, Flags& de
             deletedFlags.set(k, true);
             continue;
         }
-        const float4 d1 = normalized4(loadPosition(vertices[a]) - p4);
-        const float4 d2 = normalized4(loadPosition(vertices[b]) - p4);
+        const float4 d1 = normalized4(positions[a] - p4);
+        const float4 d2 = normalized4(positions[b] - p4);
         if (std::fabs(dot3(d1, d2)) > 0.999f) {
             report.at = k;
             report.sliver = true;
@@ -332,8 +329,8 @@ void MeshReducerPrivate::refresh(int iteration) {
     if (iteration == 0) {
         for (Vertex& v : vertices) std::fill(v.quadric, v.quadric + 10, 0.0f);
         for (Triangle& t : triangles) {
-            const Vec3 p0 = vertices[t.vertex[0]].position;
-            const Vec3 n = normalized(cross(vertices[t.vertex[1]].position - p0, vertices[t.vertex[2]].position - p0));
+            const Vec3 p0 = toVec3(positions[t.vertex[0]]);
+            const Vec3 n = normalized(cross(toVec3(positions[t.vertex[1]]) - p0, toVec3(positions[t.vertex[2]]) - p0));
             t.normal = n;
             // Plane quadric, unweighted by area.
             const float a = n.x, b = n.y, c = n.z, d = -dot(n, p0);
@@ -408,12 +405,13 @@ void MeshReducerPrivate::compact() {
     for (size_t i = 0; i < vertices.size(); ++i) {
         if (vertices[i].refCount == 0) continue;
         vertices[i].firstRef = used;
-        vertices[used].position = vertices[i].position;
+        positions[used] = positions[i];
         ++used;
     }
     for (Triangle& t : triangles)
         for (int j = 0; j < 3; ++j) t.vertex[j] = vertices[t.vertex[j]].firstRef;
     vertices.resize(used);
+    positions.resize(used);
 }
 
 void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndices, uint32_t vertexCount,
@@ -427,12 +425,14 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
     vertices.clear();
     refs.clear();
     vertices.resize(vertexCount);
+    positions.resize(vertexCount);
     for (uint32_t i = 0; i < vertexCount; ++i) {
         Vertex& v = vertices[i];
         v.border = false;
         v.firstRef = 0;
         v.refCount = 0;
-        v.position = Vec3{inVertices[3 * size_t(i)], inVertices[3 * size_t(i) + 1], inVertices[3 * size_t(i) + 2]};
+        positions[i] =
+            make4(inVertices[3 * size_t(i)], inVertices[3 * size_t(i) + 1], inVertices[3 * size_t(i) + 2], 0.0f);
         std::fill(v.quadric, v.quadric + 10, 0.0f);
     }
     triangles.resize(triangleCount);
@@ -451,17 +451,17 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
     // for every mesh size.
     float scale = 1.0f;
     if (normalize) {
-        Vec3 lo = vertices[0].position, hi = lo;
-        for (const Vertex& v : vertices) {
-            const Vec3 p = v.position;
+        Vec3 lo = toVec3(positions[0]), hi = lo;
+        for (const float4 position : positions) {
+            const Vec3 p = toVec3(position);
             lo = Vec3{std::min(lo.x, p.x), std::min(lo.y, p.y), std::min(lo.z, p.z)};
             hi = Vec3{std::max(hi.x, p.x), std::max(hi.y, p.y), std::max(hi.z, p.z)};
         }
         scale = std::max(hi.x - lo.x, std::max(hi.y - lo.y, hi.z - lo.z));
         if (scale != 1.0f && scale != 0.0f) {
             const float inverse = 1.0f / scale;
-            for (Vertex& v : vertices)
-                v.position = Vec3{v.position.x * inverse, v.position.y * inverse, v.position.z * inverse};
+            for (float4& p : positions)
+                p = make4(lane<0>(p) * inverse, lane<1>(p) * inverse, lane<2>(p) * inverse, 0.0f);
         } else {
             scale = 1.0f;
         }
@@ -517,17 +517,17 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
                     // memory; start all those loads at once.
                     prefetchTriangles(v0);
                     prefetchTriangles(v1);
-                    Vec3 p = v0.position;
+                    Vec3 p = toVec3(positions[i0]);
                     calculateError(i0, i1, p);
                     flags0.resize(v0.refCount);
                     flags1.resize(v1.refCount);
                     FlipReport first, second;
-                    if (flipped(p, i1, v0, flags0, first)) {
+                    if (flipped(p, i1, i0, flags0, first)) {
                         failure = Failure{clock + 1, first.at, uint8_t(first.sliver ? 6 : 2)};
                         t.failedEdges |= uint8_t(1 << j);
                         continue;
                     }
-                    if (flipped(p, i0, v1, flags1, second)) {
+                    if (flipped(p, i0, i1, flags1, second)) {
                         failure =
                             Failure{clock + 1, second.at, uint8_t(1 | (first.moved ? 2 : 0) | (second.sliver ? 4 : 0))};
                         continue;
@@ -536,7 +536,7 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
                     collapsedSinceRefresh = collapsedThisPass = true;
                     ++clock;
                     touchedAt[i0] = touchedAt[i1] = clock;
-                    v0.position = p;
+                    positions[i0] = load(p);
                     for (int k = 0; k < 10; ++k) v0.quadric[k] += v1.quadric[k];
                     const size_t start = refs.size();
                     updateTriangles(i0, v0, flags0, deletedTriangles);
@@ -593,12 +593,12 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
 
     compact();
     if (normalize && scale != 0.0f && scale != 1.0f)
-        for (Vertex& v : vertices) v.position = Vec3{v.position.x * scale, v.position.y * scale, v.position.z * scale};
+        for (float4& p : positions) p = make4(lane<0>(p) * scale, lane<1>(p) * scale, lane<2>(p) * scale, 0.0f);
 
     if (vertices.empty() || triangles.empty()) return;
     outVertices.resize(vertices.size());
     for (size_t i = 0; i < vertices.size(); ++i) {
-        const Vec3 p = vertices[i].position;
+        const Vec3 p = toVec3(positions[i]);
         outVertices[i] = make4(p.x, p.y, p.z, 1.0f);
     }
     outIndices.resize(checkedMul<size_t>(triangles.size(), 3));
