@@ -127,11 +127,22 @@ public:
 
 private:
     float calculateError(uint32_t i0, uint32_t i1, Vec3& result, bool ignoreBorders = false);
+    // The position chosen when an error was last computed, for the collapse
+    // attempt that usually follows at once; nothing changes in between.
+    struct ChosenPosition {
+        const Triangle* triangle = nullptr;
+        int edge = 0;
+        Vec3 position{0.0f, 0.0f, 0.0f};
+    } chosen;
     float errorOf(Triangle& t, int j) {
         if (!(t.knownErrors & kErrorKnown[j])) {
-            Vec3 unused{0.0f, 0.0f, 0.0f};
-            t.error[j] = calculateError(t.vertex[j], t.vertex[(j + 1) % 3], unused, t.knownErrors & kAsLoaded);
+            const uint32_t i0 = t.vertex[j], i1 = t.vertex[(j + 1) % 3];
+            const bool asLoaded = t.knownErrors & kAsLoaded;
+            Vec3 p = toVec3(positions[i0]);
+            t.error[j] = calculateError(i0, i1, p, asLoaded);
             t.knownErrors |= kErrorKnown[j];
+            // Ignoring the borders changes the position only on a border edge.
+            if (!(asLoaded && vertices[i0].border && vertices[i1].border)) chosen = ChosenPosition{&t, j, p};
         }
         return t.error[j];
     }
@@ -488,6 +499,7 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
         for (size_t ti = 0; ti < triangles.size(); ++ti) {
             Triangle& t = triangles[ti];
             if (t.deleted || t.dirty) continue;
+            chosen.triangle = nullptr; // a position is reused only within one triangle's turn
             if (errorOf(t, 0) > threshold && errorOf(t, 1) > threshold && errorOf(t, 2) > threshold) continue;
             for (int j = 0; j < 3; ++j) {
                 if (errorOf(t, j) < threshold) {
@@ -518,7 +530,10 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
                     prefetchTriangles(v0);
                     prefetchTriangles(v1);
                     Vec3 p = toVec3(positions[i0]);
-                    calculateError(i0, i1, p);
+                    if (chosen.triangle == &t && chosen.edge == j)
+                        p = chosen.position;
+                    else
+                        calculateError(i0, i1, p);
                     flags0.resize(v0.refCount);
                     flags1.resize(v1.refCount);
                     FlipReport first, second;
