@@ -112,10 +112,13 @@ public:
     struct Failure {
         uint64_t tick;  // clock + 1 when recorded
         uint32_t at;    // corner where the flip test stopped
-        uint8_t ending; // bit 0: second end failed; 1: first end moved; 2: sliver
+        uint8_t ending; // kSecondEnd, kFirstMoved, kSliver
     };
-    std::vector<Failure> failures;   // per triangle edge
-    std::vector<uint64_t> touchedAt; // per vertex
+    static constexpr uint8_t kSecondEnd = 1;  // the second end's test failed (the first passed)
+    static constexpr uint8_t kFirstMoved = 2; // the first end's test ran (its position changes)
+    static constexpr uint8_t kSliver = 4;     // the failing triangle would be a sliver, not a fold
+    std::vector<Failure> failures;            // per triangle edge
+    std::vector<uint64_t> touchedAt;          // per vertex
     uint64_t clock = 0;
     uint64_t refreshedAt = 0;
     // Deleted-triangle flags of the two ends of the edge under test.
@@ -515,9 +518,9 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
                         // failed: it fails again. Only its flag writes matter.
                         flags0.resize(v0.refCount);
                         flags1.resize(v1.refCount);
-                        const bool secondEnd = failure.ending & 1, sliver = failure.ending & 4;
-                        if (secondEnd) {
-                            if (failure.ending & 2) replayFlags(i1, v0, flags0, v0.refCount, false, false);
+                        const bool sliver = failure.ending & kSliver;
+                        if (failure.ending & kSecondEnd) {
+                            if (failure.ending & kFirstMoved) replayFlags(i1, v0, flags0, v0.refCount, false, false);
                             replayFlags(i0, v1, flags1, failure.at, true, sliver);
                         } else {
                             replayFlags(i1, v0, flags0, failure.at, true, sliver);
@@ -538,13 +541,15 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
                     flags1.resize(v1.refCount);
                     FlipReport first, second;
                     if (flipped(p, i1, i0, flags0, first)) {
-                        failure = Failure{clock + 1, first.at, uint8_t(first.sliver ? 6 : 2)};
+                        failure = Failure{clock + 1, first.at, uint8_t(kFirstMoved | (first.sliver ? kSliver : 0))};
                         t.failedEdges |= uint8_t(1 << j);
                         continue;
                     }
                     if (flipped(p, i0, i1, flags1, second)) {
-                        failure =
-                            Failure{clock + 1, second.at, uint8_t(1 | (first.moved ? 2 : 0) | (second.sliver ? 4 : 0))};
+                        failure = Failure{
+                            clock + 1, second.at,
+                            uint8_t(kSecondEnd | (first.moved ? kFirstMoved : 0) | (second.sliver ? kSliver : 0))};
+                        t.failedEdges |= uint8_t(1 << j);
                         continue;
                     }
 
