@@ -106,12 +106,15 @@ public:
     std::vector<uint32_t> neighbourIds;
     // Failed collapses are remembered until something they looked at changes:
     // a collapse marks the vertices of every triangle it touches (the ends
-    // included) with the current tick; a refresh renumbers triangles and refs,
-    // so it forgets everything. The clock runs on across calls, so stale
-    // entries from an earlier call are never younger than its first refresh.
+    // included) with the current tick. A refresh drops deleted triangles and
+    // rebuilds every vertex's refs in triangle order: the surviving refs of a
+    // vertex keep their order unless a collapse rewrote its list (it moved),
+    // so failures at unmoved ends stay valid (renumbered) and the moved
+    // vertices count as touched. Records are flagged per call (failedEdges)
+    // and the clock runs on across calls.
     struct Failure {
         uint64_t tick;  // clock + 1 when recorded
-        uint32_t at;    // corner where the flip test stopped
+        Ref stop;       // the corner where the flip test stopped
         uint8_t ending; // kSecondEnd, kFirstMoved, kSliver
     };
     static constexpr uint8_t kSecondEnd = 1;  // the second end's test failed (the first passed)
@@ -119,6 +122,8 @@ public:
     static constexpr uint8_t kSliver = 4;     // the failing triangle would be a sliver, not a fold
     std::vector<Failure> failures;            // per triangle edge
     std::vector<uint64_t> touchedAt;          // per vertex
+    std::vector<uint64_t> movedAt;            // per vertex: its refs were rewritten
+    std::vector<uint32_t> renumbered;         // per triangle, in a refresh: its new index
     uint64_t clock = 0;
     uint64_t refreshedAt = 0;
     // Deleted-triangle flags of the two ends of the edge under test.
@@ -157,7 +162,7 @@ private:
         uint32_t at;
     };
     bool flipped(Vec3 p, uint32_t otherEnd, uint32_t self, Flags& deletedFlags, FlipReport& report);
-    void replayFlags(uint32_t otherEnd, const Vertex& v, Flags& deletedFlags, uint32_t end, bool failed, bool sliver);
+    void replayFlags(uint32_t otherEnd, const Vertex& v, Flags& deletedFlags, bool failed, Ref stop, bool sliver);
     void updateTriangles(uint32_t i0, Vertex& v, Flags& deletedFlags, uint32_t& deletedTriangles);
     void prefetchTriangles(const Vertex& v) const {
 #if defined(__GNUC__)
@@ -282,18 +287,21 @@ bool MeshReducerPrivate::flipped(Vec3 p, uint32_t otherEnd, uint32_t self, Flags
     return false;
 }
 
-// The flag writes of a flip test that passed the first `end` corners and, when
-// `failed`, stopped at corner end (after clearing its flag unless `sliver`).
-void MeshReducerPrivate::replayFlags(uint32_t otherEnd, const Vertex& v, Flags& deletedFlags, uint32_t end, bool failed,
+// The flag writes of a flip test that passed every corner or, when `failed`,
+// stopped at corner `stop` (after clearing its flag unless `sliver`).
+void MeshReducerPrivate::replayFlags(uint32_t otherEnd, const Vertex& v, Flags& deletedFlags, bool failed, Ref stop,
                                      bool sliver) {
-    for (uint32_t k = 0; k < end; ++k) {
+    for (uint32_t k = 0; k < v.refCount; ++k) {
         const Ref r = refs[size_t(v.firstRef) + k];
+        if (failed && r.triangle == stop.triangle && r.corner == stop.corner) {
+            if (!sliver) deletedFlags.set(k, false);
+            return;
+        }
         const Triangle& t = triangles[r.triangle];
         if (t.deleted) continue;
         const uint32_t a = t.vertex[(r.corner + 1) % 3], b = t.vertex[(r.corner + 2) % 3];
         deletedFlags.set(k, a == otherEnd || b == otherEnd);
     }
-    if (failed && !sliver) deletedFlags.set(end, false);
 }
 
 void MeshReducerPrivate::updateTriangles(uint32_t i0, Vertex& v, Flags& deletedFlags, uint32_t& deletedTriangles) {
@@ -334,10 +342,30 @@ bool MeshReducerPrivate::sameClassification(float a, float b) {
 
 void MeshReducerPrivate::refresh(int iteration) {
     if (iteration > 0) {
+        // Failure records move with their triangles and name the new numbers.
+        renumbered.resize(triangles.size());
         size_t kept = 0;
-        for (size_t i = 0; i < triangles.size(); ++i)
-            if (!triangles[i].deleted) triangles[kept++] = triangles[i];
+        for (size_t i = 0; i < triangles.size(); ++i) {
+            renumbered[i] = UINT32_MAX;
+            if (triangles[i].deleted) continue;
+            renumbered[i] = uint32_t(kept);
+            if (kept != i) {
+                triangles[kept] = triangles[i];
+                for (size_t j = 0; j < 3; ++j) failures[3 * kept + j] = failures[3 * i + j];
+            }
+            ++kept;
+        }
         triangles.resize(kept);
+        for (size_t i = 0; i < kept; ++i) {
+            Triangle& t = triangles[i];
+            for (size_t j = 0; j < 3; ++j) {
+                if (!(t.failedEdges >> j & 1)) continue;
+                Failure& failure = failures[3 * i + j];
+                failure.stop.triangle = renumbered[failure.stop.triangle];
+                // A deleted stop corner means a touched end: the record is dead.
+                if (failure.stop.triangle == UINT32_MAX) t.failedEdges &= uint8_t(~(1u << j));
+            }
+        }
     }
 
     if (iteration == 0) {
@@ -483,6 +511,7 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
 
     if (failures.size() < size_t(triangleCount) * 3) failures.resize(size_t(triangleCount) * 3);
     if (touchedAt.size() < vertexCount) touchedAt.resize(vertexCount);
+    if (movedAt.size() < vertexCount) movedAt.resize(vertexCount);
     uint32_t deletedTriangles = 0;
     flags0.clear(); // each call starts with empty flag arrays
     flags1.clear();
@@ -492,7 +521,14 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
         if (triangleCount - deletedTriangles <= targetTriangles) break;
         if (iteration % 5 == 0) {
             refresh(iteration);
+            const uint64_t previous = refreshedAt;
             refreshedAt = ++clock;
+            if (iteration == 0) {
+                for (Triangle& t : triangles) t.failedEdges = 0;
+            } else if (collapsedSinceRefresh) {
+                for (uint32_t v = 0; v < vertexCount; ++v)
+                    if (movedAt[v] > previous) touchedAt[v] = refreshedAt;
+            }
             collapsedSinceRefresh = false;
         }
         for (Triangle& t : triangles) t.dirty = false;
@@ -512,18 +548,17 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
                     if (v0.border != v1.border) continue;
 
                     Failure& failure = failures[3 * ti + size_t(j)];
-                    if ((t.failedEdges >> j & 1) && failure.tick > refreshedAt && touchedAt[i0] < failure.tick &&
-                        touchedAt[i1] < failure.tick) {
+                    if ((t.failedEdges >> j & 1) && touchedAt[i0] < failure.tick && touchedAt[i1] < failure.tick) {
                         // Nothing this attempt reads has changed since it
                         // failed: it fails again. Only its flag writes matter.
                         flags0.resize(v0.refCount);
                         flags1.resize(v1.refCount);
                         const bool sliver = failure.ending & kSliver;
                         if (failure.ending & kSecondEnd) {
-                            if (failure.ending & kFirstMoved) replayFlags(i1, v0, flags0, v0.refCount, false, false);
-                            replayFlags(i0, v1, flags1, failure.at, true, sliver);
+                            if (failure.ending & kFirstMoved) replayFlags(i1, v0, flags0, false, failure.stop, false);
+                            replayFlags(i0, v1, flags1, true, failure.stop, sliver);
                         } else {
-                            replayFlags(i1, v0, flags0, failure.at, true, sliver);
+                            replayFlags(i1, v0, flags0, true, failure.stop, sliver);
                         }
                         continue;
                     }
@@ -541,13 +576,14 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
                     flags1.resize(v1.refCount);
                     FlipReport first, second;
                     if (flipped(p, i1, i0, flags0, first)) {
-                        failure = Failure{clock + 1, first.at, uint8_t(kFirstMoved | (first.sliver ? kSliver : 0))};
+                        failure = Failure{clock + 1, refs[size_t(v0.firstRef) + first.at],
+                                          uint8_t(kFirstMoved | (first.sliver ? kSliver : 0))};
                         t.failedEdges |= uint8_t(1 << j);
                         continue;
                     }
                     if (flipped(p, i0, i1, flags1, second)) {
                         failure = Failure{
-                            clock + 1, second.at,
+                            clock + 1, refs[size_t(v1.firstRef) + second.at],
                             uint8_t(kSecondEnd | (first.moved ? kFirstMoved : 0) | (second.sliver ? kSliver : 0))};
                         t.failedEdges |= uint8_t(1 << j);
                         continue;
@@ -555,7 +591,7 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
 
                     collapsedSinceRefresh = collapsedThisPass = true;
                     ++clock;
-                    touchedAt[i0] = touchedAt[i1] = clock;
+                    touchedAt[i0] = touchedAt[i1] = movedAt[i0] = clock;
                     positions[i0] = load(p);
                     for (int k = 0; k < 10; ++k) v0.quadric[k] += v1.quadric[k];
                     const size_t start = refs.size();
