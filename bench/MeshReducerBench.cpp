@@ -1,7 +1,9 @@
 // Reduction to the loader's three level-of-detail targets on real meshes,
 // beside meshoptimizer's simplifier driven to the same triangle counts. Both
-// report the triangles they reach and maxDist: the largest distance from an
-// output vertex to the input surface, over the input's bounding-box diagonal.
+// report the triangles they reach and two distances over the input's
+// bounding-box diagonal: maxDist, the largest from an output vertex to the
+// input surface (0 for a simplifier that keeps input vertices), and maxBack,
+// the largest from an input vertex to the output surface.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -58,11 +60,27 @@ double triangleDistance(D3 p, D3 a, D3 b, D3 c) {
     return dist(a + ab * (vb / sum) + ac * (vc / sum));
 }
 
-// Largest distance from the points to the mesh surface over the diagonal of
-// the mesh's box. Triangles are binned by their boxes into a uniform grid;
-// each point searches shells of cells outwards until the next shell lies
-// further than the best triangle found.
-double maxDistance(const testing_support::Mesh& m, const std::vector<D3>& points) {
+double diagonalOf(const testing_support::Mesh& m) {
+    D3 lo{INFINITY, INFINITY, INFINITY}, hi{-INFINITY, -INFINITY, -INFINITY};
+    for (size_t i = 0; i < m.vertices.size(); i += 3) {
+        lo = {std::min<double>(lo.x, m.vertices[i]), std::min<double>(lo.y, m.vertices[i + 1]),
+              std::min<double>(lo.z, m.vertices[i + 2])};
+        hi = {std::max<double>(hi.x, m.vertices[i]), std::max<double>(hi.y, m.vertices[i + 1]),
+              std::max<double>(hi.z, m.vertices[i + 2])};
+    }
+    return std::sqrt((hi - lo).dot(hi - lo));
+}
+
+std::vector<D3> pointsOf(const testing_support::Mesh& m) {
+    std::vector<D3> points;
+    for (size_t i = 0; i < m.vertices.size(); i += 3)
+        points.push_back(D3{m.vertices[i], m.vertices[i + 1], m.vertices[i + 2]});
+    return points;
+}
+
+// Largest distance from the points to the mesh surface over `scale`. Triangles are binned by their boxes into a uniform
+// grid; each point searches shells of cells outwards until the next shell lies further than the best triangle found.
+double maxDistance(const testing_support::Mesh& m, const std::vector<D3>& points, double scale) {
     D3 lo{INFINITY, INFINITY, INFINITY}, hi{-INFINITY, -INFINITY, -INFINITY};
     const auto vertex = [&](size_t i) { return D3{m.vertices[3 * i], m.vertices[3 * i + 1], m.vertices[3 * i + 2]}; };
     for (size_t i = 0; i < m.vertexCount(); ++i) {
@@ -71,7 +89,6 @@ double maxDistance(const testing_support::Mesh& m, const std::vector<D3>& points
         hi = {std::max(hi.x, v.x), std::max(hi.y, v.y), std::max(hi.z, v.z)};
     }
     const D3 extent = hi - lo;
-    const double diagonal = std::sqrt(extent.dot(extent));
     const int n = 32;
     const double cell = std::max({extent.x, extent.y, extent.z}) / n + 1e-12;
     const auto cellOf = [&](double v, double origin) { return std::clamp(int((v - origin) / cell), 0, n - 1); };
@@ -110,7 +127,7 @@ double maxDistance(const testing_support::Mesh& m, const std::vector<D3>& points
         }
         worst = std::max(worst, best);
     }
-    return worst / diagonal;
+    return worst / scale;
 }
 
 void reduceBench(benchmark::State& state, size_t meshIndex, float ratio) {
@@ -126,10 +143,12 @@ void reduceBench(benchmark::State& state, size_t meshIndex, float ratio) {
         benchmark::DoNotOptimize(indices.data());
     }
     if (indices.empty() || indices.size() % 3 != 0) state.SkipWithError("no output");
-    std::vector<D3> points;
+    testing_support::Mesh reduced;
     for (const common::float4& v : vertices)
-        points.push_back(D3{common::lane<0>(v), common::lane<1>(v), common::lane<2>(v)});
-    state.counters["maxDist"] = maxDistance(m, points);
+        reduced.vertices.insert(reduced.vertices.end(), {common::lane<0>(v), common::lane<1>(v), common::lane<2>(v)});
+    reduced.indices.assign(indices.begin(), indices.end()); // at most as many vertices as the input
+    state.counters["maxDist"] = maxDistance(m, pointsOf(reduced), diagonalOf(m));
+    state.counters["maxBack"] = maxDistance(reduced, pointsOf(m), diagonalOf(m));
     state.counters["inTris"] = double(m.indexCount() / 3);
     state.counters["target"] = double(target);
     state.counters["outTris"] = double(indices.size() / 3);
@@ -155,7 +174,9 @@ void meshoptBench(benchmark::State& state, size_t meshIndex, float ratio) {
     std::vector<D3> points;
     for (size_t v = 0; v < used.size(); ++v)
         if (used[v]) points.push_back(D3{m.vertices[3 * v], m.vertices[3 * v + 1], m.vertices[3 * v + 2]});
-    state.counters["maxDist"] = maxDistance(m, points);
+    state.counters["maxDist"] = maxDistance(m, points, diagonalOf(m));
+    testing_support::Mesh reduced{m.vertices, std::vector<uint16_t>(out.begin(), out.begin() + std::ptrdiff_t(count))};
+    state.counters["maxBack"] = maxDistance(reduced, pointsOf(m), diagonalOf(m));
     state.counters["inTris"] = double(in.size() / 3);
     state.counters["target"] = double(target);
     state.counters["outTris"] = double(count / 3);
