@@ -21,12 +21,17 @@ struct Vertex {
     bool border;       // on an open boundary of the mesh
 };
 
+// What the flip test reads of every neighbouring triangle, 16 bytes; the
+// errors and normal sit in a parallel array (TriangleData).
 struct Triangle {
+    uint32_t vertex[3];
     bool deleted;
     bool dirty;          // changed in this iteration: not collapsed again until the next
     uint8_t knownErrors; // kErrorKnown bit j: error[j] is up to date; kAsLoaded: unchanged since the start
     uint8_t failedEdges; // bit j: failures[3 t + j] may hold a failed collapse of edge j
-    uint32_t vertex[3];
+};
+
+struct TriangleData {
     float error[3]; // error[j]: collapse error of edge (vertex[j], vertex[j+1 mod 3])
     Vec3 normal;
 };
@@ -98,6 +103,7 @@ inline float thresholdAt(int iteration, float aggressiveness) {
 class MeshReducerPrivate {
 public:
     std::vector<Triangle> triangles;
+    std::vector<TriangleData> triangleData; // parallel to triangles
     std::vector<Vertex> vertices;
     std::vector<float4> positions; // per vertex, w = 0
     std::vector<Ref> refs;
@@ -138,21 +144,23 @@ private:
     // The position chosen when an error was last computed, for the collapse
     // attempt that usually follows at once; nothing changes in between.
     struct ChosenPosition {
-        const Triangle* triangle = nullptr;
+        size_t triangle = SIZE_MAX;
         int edge = 0;
         Vec3 position{0.0f, 0.0f, 0.0f};
     } chosen;
-    float errorOf(Triangle& t, int j) {
+    float errorOf(size_t ti, int j) {
+        Triangle& t = triangles[ti];
+        float& error = triangleData[ti].error[j];
         if (!(t.knownErrors & kErrorKnown[j])) {
             const uint32_t i0 = t.vertex[j], i1 = t.vertex[(j + 1) % 3];
             const bool asLoaded = t.knownErrors & kAsLoaded;
             Vec3 p = toVec3(positions[i0]);
-            t.error[j] = calculateError(i0, i1, p, asLoaded);
+            error = calculateError(i0, i1, p, asLoaded);
             t.knownErrors |= kErrorKnown[j];
             // Ignoring the borders changes the position only on a border edge.
-            if (!(asLoaded && vertices[i0].border && vertices[i1].border)) chosen = ChosenPosition{&t, j, p};
+            if (!(asLoaded && vertices[i0].border && vertices[i1].border)) chosen = ChosenPosition{ti, j, p};
         }
-        return t.error[j];
+        return error;
     }
     // How a flip test ended: whether the vertex moves at all, and on a flip
     // the corner it stopped at and which of the two tests failed there.
@@ -278,7 +286,7 @@ bool MeshReducerPrivate::flipped(Vec3 p, uint32_t otherEnd, uint32_t self, Flags
         }
         deletedFlags.set(k, false);
         const float4 n = normalized4(cross3(d1, d2));
-        if (dot3(n, load(t.normal)) < 0.2f) {
+        if (dot3(n, load(triangleData[r.triangle].normal)) < 0.2f) {
             report.at = k;
             report.sliver = false;
             return true;
@@ -330,10 +338,10 @@ void MeshReducerPrivate::updateTriangles(uint32_t i0, Vertex& v, Flags& deletedF
 bool MeshReducerPrivate::sameClassification(float a, float b) {
     if (a == b) return true;
     const float lo = std::min(a, b), hi = std::max(a, b);
-    for (Triangle& t : triangles) {
-        if (t.deleted) continue;
+    for (size_t ti = 0; ti < triangles.size(); ++ti) {
+        if (triangles[ti].deleted) continue;
         for (int j = 0; j < 3; ++j) {
-            const float e = errorOf(t, j);
+            const float e = errorOf(ti, j);
             if (e >= lo && e <= hi) return false;
         }
     }
@@ -351,11 +359,13 @@ void MeshReducerPrivate::refresh(int iteration) {
             renumbered[i] = uint32_t(kept);
             if (kept != i) {
                 triangles[kept] = triangles[i];
+                triangleData[kept] = triangleData[i];
                 for (size_t j = 0; j < 3; ++j) failures[3 * kept + j] = failures[3 * i + j];
             }
             ++kept;
         }
         triangles.resize(kept);
+        triangleData.resize(kept);
         for (size_t i = 0; i < kept; ++i) {
             Triangle& t = triangles[i];
             for (size_t j = 0; j < 3; ++j) {
@@ -370,10 +380,11 @@ void MeshReducerPrivate::refresh(int iteration) {
 
     if (iteration == 0) {
         for (Vertex& v : vertices) std::fill(v.quadric, v.quadric + 10, 0.0f);
-        for (Triangle& t : triangles) {
+        for (size_t ti = 0; ti < triangles.size(); ++ti) {
+            const Triangle& t = triangles[ti];
             const Vec3 p0 = toVec3(positions[t.vertex[0]]);
             const Vec3 n = normalized(cross(toVec3(positions[t.vertex[1]]) - p0, toVec3(positions[t.vertex[2]]) - p0));
-            t.normal = n;
+            triangleData[ti].normal = n;
             // Plane quadric, unweighted by area.
             const float a = n.x, b = n.y, c = n.z, d = -dot(n, p0);
             const float plane[10] = {a * a, a * b, a * c, a * d, b * b, b * c, b * d, c * c, c * d, d * d};
@@ -478,6 +489,7 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
         std::fill(v.quadric, v.quadric + 10, 0.0f);
     }
     triangles.resize(triangleCount);
+    triangleData.resize(triangleCount);
     for (size_t i = 0, t = 0; i < usedIndices; i += 3, ++t) {
         Triangle& tri = triangles[t];
         tri.deleted = false;
@@ -538,10 +550,10 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
         for (size_t ti = 0; ti < triangles.size(); ++ti) {
             Triangle& t = triangles[ti];
             if (t.deleted || t.dirty) continue;
-            chosen.triangle = nullptr; // a position is reused only within one triangle's turn
-            if (errorOf(t, 0) > threshold && errorOf(t, 1) > threshold && errorOf(t, 2) > threshold) continue;
+            chosen.triangle = SIZE_MAX; // a position is reused only within one triangle's turn
+            if (errorOf(ti, 0) > threshold && errorOf(ti, 1) > threshold && errorOf(ti, 2) > threshold) continue;
             for (int j = 0; j < 3; ++j) {
-                if (errorOf(t, j) < threshold) {
+                if (errorOf(ti, j) < threshold) {
                     const uint32_t i0 = t.vertex[j], i1 = t.vertex[(j + 1) % 3];
                     Vertex& v0 = vertices[i0];
                     Vertex& v1 = vertices[i1];
@@ -568,7 +580,7 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
                     prefetchTriangles(v0);
                     prefetchTriangles(v1);
                     Vec3 p = toVec3(positions[i0]);
-                    if (chosen.triangle == &t && chosen.edge == j)
+                    if (chosen.triangle == ti && chosen.edge == j)
                         p = chosen.position;
                     else
                         calculateError(i0, i1, p);
@@ -625,10 +637,10 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
             // these does. NaN thresholds keep the full scan.
             bool anyAbove = false, anyBelow = false;
             float above = 0.0f, below = 0.0f;
-            for (Triangle& t : triangles) {
-                if (t.deleted) continue;
+            for (size_t ti = 0; ti < triangles.size(); ++ti) {
+                if (triangles[ti].deleted) continue;
                 for (int j = 0; j < 3; ++j) {
-                    const float e = errorOf(t, j);
+                    const float e = errorOf(ti, j);
                     if (e >= threshold && (!anyAbove || e < above)) above = e, anyAbove = true;
                     if (e <= threshold && (!anyBelow || e > below)) below = e, anyBelow = true;
                 }
