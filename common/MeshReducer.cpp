@@ -110,14 +110,19 @@ public:
     // Scratch for border marking: occurrences per vertex and the vertices met.
     std::vector<uint32_t> neighbourCounts;
     std::vector<uint32_t> neighbourIds;
-    // Failed collapses are remembered until something they looked at changes:
-    // a collapse marks the vertices of every triangle it touches (the ends
-    // included) with the current tick. A refresh drops deleted triangles and
-    // rebuilds every vertex's refs in triangle order: the surviving refs of a
-    // vertex keep their order unless a collapse rewrote its list (it moved),
-    // so failures at unmoved ends stay valid (renumbered) and the moved
-    // vertices count as touched. Records are flagged per call (failedEdges)
-    // and the clock runs on across calls.
+    // Failed collapses are remembered until something they looked at changes.
+    // A collapse stamps the triangles it changes or deletes (changedAt) and
+    // the vertex it moves (movedAt) with the current tick. A failure depends
+    // on the position chosen for the edge (the ends' quadrics and positions:
+    // unchanged while neither end moved), on its own triangle (which names the
+    // ends) and on the triangles the flip tests looked at, in list order, up
+    // to where they stopped (a neighbour vertex that moved changed them all).
+    // A refresh drops deleted triangles and rebuilds every vertex's refs in
+    // triangle order: the surviving refs keep their order unless a collapse
+    // rewrote the list (the vertex moved), so records move with their
+    // triangles and the vertices moved since the last refresh count as moved
+    // again. Records are flagged per call (failedEdges); the clock runs on
+    // across calls, so stamps of earlier calls are older than any record.
     struct Failure {
         uint64_t tick;  // clock + 1 when recorded
         Ref stop;       // the corner where the flip test stopped
@@ -127,8 +132,8 @@ public:
     static constexpr uint8_t kFirstMoved = 2; // the first end's test ran (its position changes)
     static constexpr uint8_t kSliver = 4;     // the failing triangle would be a sliver, not a fold
     std::vector<Failure> failures;            // per triangle edge
-    std::vector<uint64_t> touchedAt;          // per vertex
-    std::vector<uint64_t> movedAt;            // per vertex: its refs were rewritten
+    std::vector<uint64_t> changedAt;          // per triangle
+    std::vector<uint64_t> movedAt;            // per vertex
     std::vector<uint32_t> renumbered;         // per triangle, in a refresh: its new index
     uint64_t clock = 0;
     uint64_t refreshedAt = 0;
@@ -170,7 +175,8 @@ private:
         uint32_t at;
     };
     bool flipped(Vec3 p, uint32_t otherEnd, uint32_t self, Flags& deletedFlags, FlipReport& report);
-    void replayFlags(uint32_t otherEnd, const Vertex& v, Flags& deletedFlags, bool failed, Ref stop, bool sliver);
+    bool replayFlags(uint32_t otherEnd, const Vertex& v, Flags& deletedFlags, uint64_t tick, bool failed, Ref stop,
+                     bool sliver);
     void updateTriangles(uint32_t i0, Vertex& v, Flags& deletedFlags, uint32_t& deletedTriangles);
     void prefetchTriangles(const Vertex& v) const {
 #if defined(__GNUC__)
@@ -295,21 +301,25 @@ bool MeshReducerPrivate::flipped(Vec3 p, uint32_t otherEnd, uint32_t self, Flags
     return false;
 }
 
-// The flag writes of a flip test that passed every corner or, when `failed`,
-// stopped at corner `stop` (after clearing its flag unless `sliver`).
-void MeshReducerPrivate::replayFlags(uint32_t otherEnd, const Vertex& v, Flags& deletedFlags, bool failed, Ref stop,
-                                     bool sliver) {
+// The flag writes of a flip test, recorded at `tick`, that passed every
+// corner or, when `failed`, stopped at corner `stop` (after clearing its flag
+// unless `sliver`). Returns false on meeting a triangle changed since: the
+// test must run again (the flags written so far are the ones it writes too).
+bool MeshReducerPrivate::replayFlags(uint32_t otherEnd, const Vertex& v, Flags& deletedFlags, uint64_t tick,
+                                     bool failed, Ref stop, bool sliver) {
     for (uint32_t k = 0; k < v.refCount; ++k) {
         const Ref r = refs[size_t(v.firstRef) + k];
+        if (changedAt[r.triangle] >= tick) return false;
         if (failed && r.triangle == stop.triangle && r.corner == stop.corner) {
             if (!sliver) deletedFlags.set(k, false);
-            return;
+            return true;
         }
         const Triangle& t = triangles[r.triangle];
         if (t.deleted) continue;
         const uint32_t a = t.vertex[(r.corner + 1) % 3], b = t.vertex[(r.corner + 2) % 3];
         deletedFlags.set(k, a == otherEnd || b == otherEnd);
     }
+    return true;
 }
 
 void MeshReducerPrivate::updateTriangles(uint32_t i0, Vertex& v, Flags& deletedFlags, uint32_t& deletedTriangles) {
@@ -317,7 +327,7 @@ void MeshReducerPrivate::updateTriangles(uint32_t i0, Vertex& v, Flags& deletedF
         const Ref r = refs[size_t(v.firstRef) + k];
         Triangle& t = triangles[r.triangle];
         if (t.deleted) continue;
-        for (const uint32_t corner : t.vertex) touchedAt[corner] = clock;
+        changedAt[r.triangle] = clock;
         if (deletedFlags[k]) {
             t.deleted = true;
             ++deletedTriangles;
@@ -360,6 +370,7 @@ void MeshReducerPrivate::refresh(int iteration) {
             if (kept != i) {
                 triangles[kept] = triangles[i];
                 triangleData[kept] = triangleData[i];
+                changedAt[kept] = changedAt[i];
                 for (size_t j = 0; j < 3; ++j) failures[3 * kept + j] = failures[3 * i + j];
             }
             ++kept;
@@ -522,7 +533,7 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
     }
 
     if (failures.size() < size_t(triangleCount) * 3) failures.resize(size_t(triangleCount) * 3);
-    if (touchedAt.size() < vertexCount) touchedAt.resize(vertexCount);
+    if (changedAt.size() < triangleCount) changedAt.resize(triangleCount);
     if (movedAt.size() < vertexCount) movedAt.resize(vertexCount);
     uint32_t deletedTriangles = 0;
     flags0.clear(); // each call starts with empty flag arrays
@@ -539,7 +550,7 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
                 for (Triangle& t : triangles) t.failedEdges = 0;
             } else if (collapsedSinceRefresh) {
                 for (uint32_t v = 0; v < vertexCount; ++v)
-                    if (movedAt[v] > previous) touchedAt[v] = refreshedAt;
+                    if (movedAt[v] > previous) movedAt[v] = refreshedAt;
             }
             collapsedSinceRefresh = false;
         }
@@ -560,19 +571,22 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
                     if (v0.border != v1.border) continue;
 
                     Failure& failure = failures[3 * ti + size_t(j)];
-                    if ((t.failedEdges >> j & 1) && touchedAt[i0] < failure.tick && touchedAt[i1] < failure.tick) {
-                        // Nothing this attempt reads has changed since it
-                        // failed: it fails again. Only its flag writes matter.
+                    const uint64_t tick = failure.tick;
+                    if ((t.failedEdges >> j & 1) && changedAt[ti] < tick && movedAt[i0] < tick && movedAt[i1] < tick) {
+                        // If nothing this attempt reads has changed since it
+                        // failed, it fails again: only its flag writes matter.
                         flags0.resize(v0.refCount);
                         flags1.resize(v1.refCount);
                         const bool sliver = failure.ending & kSliver;
+                        bool replayed;
                         if (failure.ending & kSecondEnd) {
-                            if (failure.ending & kFirstMoved) replayFlags(i1, v0, flags0, false, failure.stop, false);
-                            replayFlags(i0, v1, flags1, true, failure.stop, sliver);
+                            replayed = !(failure.ending & kFirstMoved) ||
+                                       replayFlags(i1, v0, flags0, tick, false, failure.stop, false);
+                            replayed = replayed && replayFlags(i0, v1, flags1, tick, true, failure.stop, sliver);
                         } else {
-                            replayFlags(i1, v0, flags0, true, failure.stop, sliver);
+                            replayed = replayFlags(i1, v0, flags0, tick, true, failure.stop, sliver);
                         }
-                        continue;
+                        if (replayed) continue;
                     }
 
                     // The flip tests walk both vertices' triangles in scattered
@@ -603,7 +617,7 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
 
                     collapsedSinceRefresh = collapsedThisPass = true;
                     ++clock;
-                    touchedAt[i0] = touchedAt[i1] = movedAt[i0] = clock;
+                    movedAt[i0] = clock;
                     positions[i0] = load(p);
                     for (int k = 0; k < 10; ++k) v0.quadric[k] += v1.quadric[k];
                     const size_t start = refs.size();
