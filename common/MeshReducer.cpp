@@ -546,9 +546,7 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
             refresh(iteration);
             const uint64_t previous = refreshedAt;
             refreshedAt = ++clock;
-            if (iteration == 0) {
-                for (Triangle& t : triangles) t.failedEdges = 0;
-            } else if (collapsedSinceRefresh) {
+            if (iteration > 0 && collapsedSinceRefresh) {
                 for (uint32_t v = 0; v < vertexCount; ++v)
                     if (movedAt[v] > previous) movedAt[v] = refreshedAt;
             }
@@ -571,8 +569,11 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
                     if (v0.border != v1.border) continue;
 
                     Failure& failure = failures[3 * ti + size_t(j)];
-                    const uint64_t tick = failure.tick;
-                    if ((t.failedEdges >> j & 1) && changedAt[ti] < tick && movedAt[i0] < tick && movedAt[i1] < tick) {
+                    // The record is read only when flagged: most attempts have
+                    // none, and the records are too many to stay in cache.
+                    const bool recorded = t.failedEdges >> j & 1;
+                    const uint64_t tick = recorded ? failure.tick : 0;
+                    if (recorded && changedAt[ti] < tick && movedAt[i0] < tick && movedAt[i1] < tick) {
                         // If nothing this attempt reads has changed since it
                         // failed, it fails again: only its flag writes matter.
                         flags0.resize(v0.refCount);
