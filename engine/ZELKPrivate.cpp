@@ -31,11 +31,15 @@ ZELKPrivate* ZELKPrivate::peek() { return instance; }
 ZELKPrivate::ZELKPrivate()
     : frameInfo(new ZELKFrameInfo()), plainRasterizer(new util::PlainRasterizer()),
       cacheManager(std::make_shared<common::CacheManager>()) {
+    asyncLoader.reset(new common::AsyncLoader()); // its worker starts here
+    asyncLoader->setCacheMgr(cacheManager);
     frameInfo->cacheManager = cacheManager;
 }
 
 ZELKPrivate::~ZELKPrivate() {
+    asyncLoader->ensureCompletion(); // no bake may still reach the cache
     cacheManager.reset();
+    asyncLoader.reset();
     plainRasterizer.reset();
     frameInfo.reset();
 }
@@ -59,6 +63,7 @@ void ZELKPrivate::startNewFrame(const float* frameParams, const float* viewProje
     frameInfo->startFrame(prefix, common::Matrix4x4::fromColumnMajor(viewProjection));
     plainRasterizer->clear();
     frameInfo->plainCount = 0;
+    if (asyncLoader->isThreadPaused() && !asyncLoader->isEmpty()) asyncLoader->continueThread();
 }
 
 bool ZELKPrivate::submitOccluder(const float* vertices, const uint16_t* indices, uint32_t vertexCount,
@@ -88,7 +93,7 @@ bool crossesNearPlane(const common::Matrix4x4& viewProjection, float nearPlane, 
 void ZELKPrivate::renderOccluders() {
     // Raw meshes: drawn every frame by the masked rasteriser. The cached pass
     // (quad rasteriser, redrawn only when the frame differs) follows it once
-    // that rasteriser exists; until then no mesh is ever cached.
+    // that rasteriser exists; until then a cached mesh is not drawn.
     for (const common::OccluderRaw& record : frameInfo->rawOccluders) {
         plainRasterizer->setModelViewProjection(frameInfo->viewProjection * record.model);
         // The rasteriser counts in int. 16-bit indices reach at most 65,536
@@ -98,6 +103,7 @@ void ZELKPrivate::renderOccluders() {
         plainRasterizer->render(record.vertices, record.indices, static_cast<int>(usable),
                                 static_cast<int>(indexCount));
         common::checkedIncrement(frameInfo->plainCount);
+        if (record.rigid) asyncLoader->addOccluder(record); // ignored while already pending
     }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/AsyncLoader.h"
 #include "common/CacheManager.h"
 #include "engine/ZELKFrameInfo.h"
 #include "util/PlainRasterizer.h"
@@ -43,6 +44,7 @@ public:
     float getNearPlane() const { return nearPlane; }
     const ZELKFrameInfo& getFrameInfo() const { return *frameInfo; }
     const std::shared_ptr<common::CacheManager>& getCacheManager() const { return cacheManager; }
+    common::AsyncLoader& getAsyncLoader() { return *asyncLoader; }
 
 private:
     ZELKPrivate();
@@ -53,6 +55,7 @@ private:
     float nearPlane = 0.0f;
     std::unique_ptr<ZELKFrameInfo> frameInfo;
     std::unique_ptr<util::PlainRasterizer> plainRasterizer; // raw meshes, cleared every frame
+    std::unique_ptr<common::AsyncLoader> asyncLoader;       // bakes rigid meshes drawn raw
     std::shared_ptr<common::CacheManager> cacheManager;
 };
 
