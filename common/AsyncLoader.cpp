@@ -104,6 +104,11 @@ bool AsyncLoader::isEmpty() const {
     return queueHead == queue.size();
 }
 
+size_t AsyncLoader::queueSize() const {
+    std::lock_guard<std::mutex> lock(mutex);
+    return queue.size() - queueHead;
+}
+
 // The flags change under the lock so that the worker cannot test them and
 // then miss the notification on its way into the wait.
 void AsyncLoader::continueThread() {

@@ -41,6 +41,7 @@ public:
     void pauseThread() { paused = true; }
     bool isThreadPaused() const { return paused; }
     bool isEmpty() const;
+    size_t queueSize() const; // records waiting, the one being baked included
     // Asks the worker to end; it stops between meshes and between the levels
     // of one mesh, leaving the rest unbaked.
     void stop();
