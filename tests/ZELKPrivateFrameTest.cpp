@@ -88,8 +88,8 @@ TEST_F(FrameFixture, WallHidesWhatIsBehindItOnly) {
     // The model matrix moves the wall: 30 units right, nothing behind it any more.
     const float moved[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 30, 0, 0, 1};
     EXPECT_TRUE(frame({&wall}, boxes, ZELK_NON_RIGID, moved)[0]);
-    // Seen from behind (the camera turned around) the wall is culled as a back face.
-    for (int i : {0, 2, 8, 10}) viewProjection[i] = -viewProjection[i];
+    // Seen from behind (the camera turned around: x and z, w = z) the wall is culled as a back face.
+    for (int i : {0, 10, 11}) viewProjection[i] = -viewProjection[i];
     const std::vector<float> mirrored = {-1, -1, 20, 1, 1, 22};
     EXPECT_TRUE(frame({&wall}, mirrored)[0]);
     zelkDestroy(); // the wall went to the baking thread: its arrays must outlive the engine
@@ -100,13 +100,13 @@ TEST_F(FrameFixture, BoxesAroundTheCameraAreVisible) {
     const std::vector<float> boxes = {
         -1, -1, -30, 1, 1, 1,      // from behind the wall to behind the eye
         -1, -1, -30, 1, 1, -0.05f, // in front of the eye but nearer than the near plane
-        3,  3,  5,   4, 4, 6,      // wholly behind the camera
+        3,  3,  5,   4, 4, 6,      // wholly behind the camera: cannot appear
         -1, -1, -30, 1, 1, -20,    // ordinary hidden box
     };
     const std::vector<bool> result = frame({&wall}, boxes);
     EXPECT_TRUE(result[0]);
     EXPECT_TRUE(result[1]);
-    EXPECT_TRUE(result[2]);
+    EXPECT_FALSE(result[2]);
     EXPECT_FALSE(result[3]);
 
     // Boxes whose coordinates are not numbers have no place to be hidden in.
@@ -122,8 +122,11 @@ TEST_F(FrameFixture, ConfigurationChangesKeepAnswersRight) {
     ASSERT_EQ(1, zelkConfig(1920, 1080, 0.1f));
     viewProjection = perspective(1920.0f / 1080.0f, 0.1f, 100.0f);
     EXPECT_EQ(std::vector<bool>({false, true}), frame({&wall}, boxes));
-    // A near plane beyond the box: every box counts as crossing it.
+    // A near plane beyond both boxes (w 20 to 22): nothing of them reaches the
+    // screen; one between them makes the first box cross it.
     ASSERT_EQ(1, zelkConfig(1920, 1080, 25.0f));
+    EXPECT_EQ(std::vector<bool>({false, false}), frame({&wall}, boxes));
+    ASSERT_EQ(1, zelkConfig(1920, 1080, 21.0f));
     EXPECT_EQ(std::vector<bool>({true, true}), frame({&wall}, boxes));
 
     // An engine that was never sized draws nothing and hides nothing.
