@@ -30,33 +30,30 @@ double cross(const ScreenVertex& a, const ScreenVertex& b, double px, double py)
     return (b.x - a.x) * (py - a.y) - (b.y - a.y) * (px - a.x);
 }
 
-// Distance from a point to the segment ab.
-double segmentDistance(const ScreenVertex& a, const ScreenVertex& b, double px, double py) {
-    const double dx = b.x - a.x, dy = b.y - a.y, len2 = dx * dx + dy * dy;
-    double t = len2 > 0 ? ((px - a.x) * dx + (py - a.y) * dy) / len2 : 0.0;
-    t = std::min(std::max(t, 0.0), 1.0);
-    return std::hypot(px - (a.x + t * dx), py - (a.y + t * dy));
-}
-
 } // namespace
 
 void ExactDepthBuffer::drawTriangle(const ScreenVertex& a, const ScreenVertex& b, const ScreenVertex& c,
                                     double dilate) {
     const double area = cross(a, b, c.x, c.y);
     if (!(std::fabs(area) > 0) || !std::isfinite(area)) return;
-    const double minX = std::min({a.x, b.x, c.x}) - dilate, maxX = std::max({a.x, b.x, c.x}) + dilate;
-    const double minY = std::min({a.y, b.y, c.y}) - dilate, maxY = std::max({a.y, b.y, c.y}) + dilate;
+    // Dilated lines meet beyond a sharp corner: widen the scan generously.
+    const double reach = dilate > 0 ? dilate * 64 : 0.0;
+    const double minX = std::min({a.x, b.x, c.x}) - reach, maxX = std::max({a.x, b.x, c.x}) + reach;
+    const double minY = std::min({a.y, b.y, c.y}) - reach, maxY = std::max({a.y, b.y, c.y}) + reach;
     const int x0 = std::max(0, int(std::floor(minX))), x1 = std::min(width - 1, int(std::ceil(maxX)));
     const int y0 = std::max(0, int(std::floor(minY))), y1 = std::min(height - 1, int(std::ceil(maxY)));
+    // Height of the triangle over each edge (bc, ca, ab).
+    const double heights[3] = {std::fabs(area) / std::hypot(c.x - b.x, c.y - b.y),
+                               std::fabs(area) / std::hypot(a.x - c.x, a.y - c.y),
+                               std::fabs(area) / std::hypot(b.x - a.x, b.y - a.y)};
     for (int y = y0; y <= y1; ++y)
         for (int x = x0; x <= x1; ++x) {
             const double px = x + 0.5, py = y + 0.5;
             const double w0 = cross(b, c, px, py) / area, w1 = cross(c, a, px, py) / area;
             const double w2 = 1.0 - w0 - w1;
-            bool inside = w0 >= 0 && w1 >= 0 && w2 >= 0;
-            if (!inside && dilate > 0)
-                inside = std::min({segmentDistance(a, b, px, py), segmentDistance(b, c, px, py),
-                                   segmentDistance(c, a, px, py)}) <= dilate;
+            // Barycentric weight over its edge's height is the signed distance
+            // to that edge's line, in pixels.
+            const bool inside = w0 * heights[0] >= -dilate && w1 * heights[1] >= -dilate && w2 * heights[2] >= -dilate;
             if (!inside) continue;
             const double d = w0 * a.d + w1 * b.d + w2 * c.d;
             double& stored = depths[size_t(y) * size_t(width) + size_t(x)];
@@ -143,6 +140,34 @@ bool boxSeen(const ExactDepthBuffer& occluders, const float* viewProjection, con
                 (!occluders.covered(x, y) || faces.depth(x, y) > occluders.depth(x, y) * (1 + relativeTolerance)))
                 return true;
     return false;
+}
+
+bool documentedQueryHides(const ExactDepthBuffer& occluders, const float* viewProjection, const float* box) {
+    std::array<double, 4> corner[8];
+    for (int i = 0; i < 8; ++i)
+        corner[i] = transformPoint(viewProjection, box[(i & 1) ? 3 : 0], box[(i & 2) ? 4 : 1], box[(i & 4) ? 5 : 2]);
+    // Outside one of the six planes w +- x, w +- y, w +- z at every corner.
+    for (int axis = 0; axis < 3; ++axis)
+        for (int sign = -1; sign <= 1; sign += 2) {
+            bool outside = true;
+            for (const auto& c : corner) outside = outside && c[3] + sign * c[size_t(axis)] < 0;
+            if (outside) return true;
+        }
+    const double extent = std::max({box[3] - box[0], box[4] - box[1], box[5] - box[2]});
+    double minX = 1e300, maxX = -1e300, minY = 1e300, maxY = -1e300, nearest = -1e300;
+    for (const auto& c : corner) {
+        if (c[3] < 0.001 * extent) return false;
+        const double x = (c[0] / c[3] + 1) * occluders.width / 2, y = (c[1] / c[3] + 1) * occluders.height / 2;
+        minX = std::min(minX, x), maxX = std::max(maxX, x), minY = std::min(minY, y), maxY = std::max(maxY, y);
+        nearest = std::max(nearest, (c[3] - c[2]) / c[3] * rapidDepthScale());
+    }
+    const auto clampRound = [](double v, int limit) {
+        return unsigned(std::nearbyint(std::min(std::max(v, 0.0), double(limit - 1))));
+    };
+    const unsigned x0 = clampRound(minX, occluders.width), x1 = clampRound(maxX, occluders.width);
+    const unsigned y0 = clampRound(minY, occluders.height), y1 = clampRound(maxY, occluders.height);
+    if (x0 > x1 || y0 > y1) return true;
+    return !occluders.query2D(x0, x1, y0, y1, rapidCode(float(nearest)));
 }
 
 } // namespace testing_support

@@ -26,7 +26,8 @@ public:
     ExactDepthBuffer(int width, int height);
 
     // Either winding; keeps the nearest D per pixel. With dilate > 0 a pixel
-    // also counts when its centre lies within dilate pixels of the triangle.
+    // also counts when its centre lies within dilate pixels outside each of
+    // the lines through the edges (how a per-edge coverage table errs).
     void drawTriangle(const ScreenVertex& a, const ScreenVertex& b, const ScreenVertex& c, double dilate = 0.0);
     // Clip-space (x, y, z, w) triangle, clipped to the near plane z >= -w.
     void drawClipTriangle(const std::array<double, 4>& a, const std::array<double, 4>& b,
@@ -56,5 +57,10 @@ std::array<double, 4> transformPoint(const float* columnMajor, double x, double 
 // that pixel centre by more than relativeTolerance.
 bool boxSeen(const ExactDepthBuffer& occluders, const float* viewProjection, const float* box,
              double relativeTolerance);
+
+// The rapid buffer's box test (frustum, near guard, rounded rectangle,
+// nearest corner's code, the two block passes) applied in double precision to
+// an exact buffer's codes: true when that rule hides the box.
+bool documentedQueryHides(const ExactDepthBuffer& occluders, const float* viewProjection, const float* box);
 
 } // namespace testing_support
