@@ -204,42 +204,6 @@ private:
     std::vector<std::vector<uint32_t>> cells;
 };
 
-// The box test of the quad rasteriser's buffer done over an exact buffer, in
-// double precision: frustum, near guard, the rounded screen rectangle, the
-// nearest corner's depth code, then the buffer's two-pass block query (its
-// mirrored column selection included). Pixel codes of the quad rasteriser may be one
-// code nearer than exact, which the query absorbs by asking for q - 1.
-bool referenceQuery(const testing_support::ExactDepthBuffer& exact, const float* viewProjection, const float* box) {
-    std::array<double, 4> c[8];
-    for (int i = 0; i < 8; ++i)
-        c[i] =
-            testing_support::transformPoint(viewProjection, box[i & 1 ? 3 : 0], box[i & 2 ? 4 : 1], box[i & 4 ? 5 : 2]);
-    for (int axis = 0; axis < 3; ++axis)
-        for (double sign : {-1.0, 1.0}) {
-            bool allOutside = true;
-            for (const auto& p : c) allOutside = allOutside && sign * p[size_t(axis)] > p[3];
-            if (allOutside) return false;
-        }
-    const double extent = std::max({box[3] - box[0], box[4] - box[1], box[5] - box[2]});
-    double lo[2] = {INFINITY, INFINITY}, hi[2] = {-INFINITY, -INFINITY};
-    uint16_t q = 0;
-    const double size[2] = {double(exact.width), double(exact.height)};
-    for (const auto& p : c) {
-        if (p[3] < 0.001 * extent) return true; // touches the near plane
-        for (int a = 0; a < 2; ++a) {
-            const double v = (p[size_t(a)] / p[3] + 1) * size[a] / 2;
-            lo[a] = std::min(lo[a], v), hi[a] = std::max(hi[a], v);
-        }
-        q = std::max(q, testing_support::rapidCode(float((p[3] - p[2]) / p[3] * testing_support::rapidDepthScale())));
-    }
-    unsigned r[4];
-    for (int a = 0; a < 2; ++a) {
-        r[2 * a] = unsigned(std::nearbyint(std::clamp(lo[a], 0.0, size[a] - 1)));
-        r[2 * a + 1] = unsigned(std::nearbyint(std::clamp(hi[a], 0.0, size[a] - 1)));
-    }
-    return exact.query2D(r[0], r[1], r[2], r[3], uint16_t(q == 0 ? 0 : q - 1));
-}
-
 int threadCount() {
     DIR* dir = opendir("/proc/self/task");
     if (dir == nullptr) return -1;
@@ -574,8 +538,10 @@ TEST(AsyncLoader, StressFramesAgainstTheWorker) {
 // The city, every building rigid. After the warm-up every submission is
 // answered from the cache and drawn by the quad rasteriser, each group being
 // the building itself (150 vertices give one unsimplified level) in its unit
-// box; and an exact reference, which draws the original triangles, sees every
-// box that the engine reports hidden as hidden too, from two cameras.
+// box; and an exact buffer of the original triangles, queried by the quad
+// rasteriser's own rules (its mirrored column selection included), hides
+// every box that the engine hides, from two cameras. Boxes seen at some pixel
+// centre yet hidden through that selection are counted and printed.
 TEST(AsyncLoader, CityIsDrawnFromTheCacheAndHidesOnlyWhatIsHidden) {
     constexpr int kWidth = 320, kHeight = 192;
     const testing_support::CityScene scene = testing_support::makeCityScene(float(kWidth) / float(kHeight));
@@ -654,7 +620,7 @@ TEST(AsyncLoader, CityIsDrawnFromTheCacheAndHidesOnlyWhatIsHidden) {
         }
         size_t hidden = 0, referenceHidden = 0, wronglyHidden = 0, seenThroughSkippedColumns = 0;
         for (size_t b = 0; b < count; ++b) {
-            const bool seen = referenceQuery(exact, viewProjection, &boxes[6 * b]);
+            const bool seen = !testing_support::documentedQueryHides(exact, viewProjection, &boxes[6 * b]);
             hidden += !visible[b];
             referenceHidden += !seen;
             if (!visible[b] && seen) ++wronglyHidden;
