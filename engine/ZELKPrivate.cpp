@@ -31,11 +31,15 @@ ZELKPrivate* ZELKPrivate::peek() { return instance; }
 ZELKPrivate::ZELKPrivate()
     : frameInfo(new ZELKFrameInfo()), rapidRasterizer(new util::RapidRasterizer()),
       plainRasterizer(new util::PlainRasterizer()), cacheManager(std::make_shared<common::CacheManager>()) {
+    asyncLoader.reset(new common::AsyncLoader()); // its worker starts here
+    asyncLoader->setCacheMgr(cacheManager);
     frameInfo->cacheManager = cacheManager;
 }
 
 ZELKPrivate::~ZELKPrivate() {
+    asyncLoader->ensureCompletion(); // no bake may still reach the cache
     cacheManager.reset();
+    asyncLoader.reset();
     rapidRasterizer.reset();
     plainRasterizer.reset();
     frameInfo.reset();
@@ -62,6 +66,7 @@ void ZELKPrivate::startNewFrame(const float* frameParams, const float* viewProje
     frameInfo->startFrame(prefix, common::Matrix4x4::fromColumnMajor(viewProjection));
     plainRasterizer->clear();
     frameInfo->plainCount = 0;
+    if (asyncLoader->isThreadPaused() && !asyncLoader->isEmpty()) asyncLoader->continueThread();
 }
 
 bool ZELKPrivate::submitOccluder(const float* vertices, const uint16_t* indices, uint32_t vertexCount,
@@ -90,7 +95,8 @@ NearPlaneSide nearPlaneSide(const common::Matrix4x4& viewProjection, float nearP
 }
 
 void ZELKPrivate::renderOccluders() {
-    // Raw meshes: drawn every frame by the masked rasteriser.
+    // Raw meshes: drawn every frame by the masked rasteriser; rigid ones then
+    // go to the loader, which bakes them for the cached pass.
     for (const common::OccluderRaw& record : frameInfo->rawOccluders) {
         plainRasterizer->setModelViewProjection(frameInfo->viewProjection * record.model);
         // The rasteriser counts in int. 16-bit indices reach at most 65,536
@@ -100,6 +106,7 @@ void ZELKPrivate::renderOccluders() {
         plainRasterizer->render(record.vertices, record.indices, static_cast<int>(usable),
                                 static_cast<int>(indexCount));
         common::checkedIncrement(frameInfo->plainCount);
+        if (record.rigid) asyncLoader->addOccluder(record); // ignored while already pending
     }
 
     // Cached groups: the rapid buffer from the last redraw stands while the

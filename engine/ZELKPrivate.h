@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/AsyncLoader.h"
 #include "common/CacheManager.h"
 #include "engine/ZELKFrameInfo.h"
 #include "util/PlainRasterizer.h"
@@ -47,6 +48,7 @@ public:
     // For tools and tests that look at the depth buffers; not exported.
     const util::PlainRasterizer& getPlainRasterizer() const { return *plainRasterizer; }
     const util::RapidRasterizer& getRapidRasterizer() const { return *rapidRasterizer; }
+    common::AsyncLoader& getAsyncLoader() { return *asyncLoader; }
 
 private:
     ZELKPrivate();
@@ -58,6 +60,7 @@ private:
     std::unique_ptr<ZELKFrameInfo> frameInfo;
     std::unique_ptr<util::RapidRasterizer> rapidRasterizer; // cached groups, redrawn only when the frame differs
     std::unique_ptr<util::PlainRasterizer> plainRasterizer; // raw meshes, cleared every frame
+    std::unique_ptr<common::AsyncLoader> asyncLoader;       // bakes rigid meshes drawn raw
     std::shared_ptr<common::CacheManager> cacheManager;
 };
 
