@@ -28,8 +28,12 @@ constexpr int32_t kContentsTranslucent = 0x20000000;
 constexpr int32_t kSurfaceSky = 0x4, kSurfaceNoDraw = 0x80, kSurfaceHint = 0x100, kSurfaceSkip = 0x200;
 constexpr int32_t kSurfaceNonSolid = 0x4000;
 
-constexpr int kPatchSteps = 4;   // coarse tessellation of each 3 x 3 patch
-constexpr float kCell = 1024.0f; // occluder meshes gather faces from cells this wide
+constexpr int kPatchSteps = 4; // coarse tessellation of each 3 x 3 patch
+// Occluder meshes gather faces from cells this wide. Small cells keep most
+// meshes under 545 vertices, which the library bakes unsimplified; its
+// simplifier, at its fixed level-of-detail targets, tears level geometry
+// apart (with 1024-unit cells on-screen culling fell from 0.95 to 0.36).
+constexpr float kCell = 256.0f;
 constexpr size_t kMaxMeshVertices = 65535;
 constexpr float kEyeAboveOrigin = 26.0f; // a player's view height above its spawn origin
 constexpr float kItemHalfSize = 15.0f;   // items' bounding boxes
