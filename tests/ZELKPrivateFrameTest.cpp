@@ -382,3 +382,29 @@ TEST_F(FrameFixture, RandomScenesNeverHideWhatAnExactBufferSees) {
     EXPECT_GE(culled[1], hidden[1] * 90 / 100);
     EXPECT_GE(culled[2], hidden[2] * 86 / 100);
 }
+
+// A box seen through a sliver beside a slanted edge. The quad's right edge
+// runs from x = 7.6 (top) to 7.3 (bottom) on a 32 x 8 screen, so at pixel row
+// 3 (centre y = 3.5) it lies at x = 7.47, left of the centre of pixel (7, 3);
+// the box sits on the ray through that centre, behind the quad's plane.
+// Snapping moves the top vertex to x = 8 and the edge at row 3 to 7.56, over
+// the centre: the default build, which keeps the documented whole-pixel
+// snapping, finishes the subtile and reports the box hidden. Exact coverage
+// leaves the pixel open. With the top vertex at 7.4 (it snaps to 7) both
+// builds see the box.
+TEST(FrameSliver, ExactCoverageSeesThroughTheSliverSnappingCloses) {
+    const float viewProjection[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 1, 0, 0, 0, 0}; // clip w = z
+    const uint16_t indices[6] = {0, 2, 1, 0, 3, 2};
+    const float box[6] = {-1.0626f, 0.2499f, 2.0f, -1.0624f, 0.2501f, 2.001f};
+    for (const float topX : {-0.525f, -0.5375f}) {
+        const float vertices[12] = {-1, 1, 1, topX, 1, 1, -0.54375f, -1, 1, -1, -1, 1};
+        ASSERT_EQ(1, zelkInit(32, 8, 0.5f));
+        ASSERT_EQ(1, zelkStartNewFrame(kParams, viewProjection));
+        ASSERT_EQ(1, zelkSubmitOccluder(vertices, indices, 4, 6, ZELK_RIGID, kIdentity));
+        ASSERT_EQ(1, zelkRenderOccluders());
+        bool visible = false;
+        ASSERT_EQ(1, zelkBatchQuery(box, 1, &visible));
+        EXPECT_EQ(ZELK_EXACT_COVERAGE || topX != -0.525f, visible) << topX;
+        zelkDestroy();
+    }
+}
