@@ -6,6 +6,7 @@
 #include "common/Simd.h"
 
 #include <cfloat>
+#include <cmath>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -130,10 +131,15 @@ constexpr int32_t kSubpixelOne = 1 << kSubpixelBits;
 constexpr int32_t kSubpixelHalf = kSubpixelOne / 2;
 static_assert(int64_t(kCoordLimit) * kSubpixelOne * 2 * kSubpixelOne * 2 < (int64_t(1) << 31), "remainder range");
 
-// Floor division for a positive denominator.
+// Floor division for a positive denominator, |num| < 2^52: the quotient in
+// double precision is within one of the floor (integer division is several
+// times slower), and the remainder corrects it.
 ZELK_INLINE int64_t floorDiv(int64_t num, int64_t den) {
-    const int64_t q = num / den;
-    return q - ((num % den) < 0 ? 1 : 0);
+    int64_t q = int64_t(std::floor(double(num) / double(den)));
+    const int64_t r = num - q * den;
+    if (r < 0) --q;
+    if (r >= den) ++q;
+    return q;
 }
 
 // Events hold the pixel column in the integer field and no fraction; the
@@ -143,6 +149,7 @@ struct Edge {
     int64_t startNumerator; // numerator of the first covered column at row 0
     int64_t rowNumerator;   // its change per row
     int32_t denominator;
+    int32_t rowQuotient, rowRemainder; // one row's change, divided
     int32_t stepRemainder;
     int4 event;
     int4 remainder; // numerator - column * denominator, in [0, denominator)
@@ -168,23 +175,32 @@ ZELK_INLINE void setupEdge(Edge& e, int32_t ux, int32_t uy, int32_t lx, int32_t 
     e.event = e.outside;
     e.remainder = common::splatInt(0);
     e.step = common::splatInt(0);
-    e.stepRemainder = 0;
+    e.rowQuotient = e.rowRemainder = e.stepRemainder = 0;
     if (dy > 0) {
-        const int64_t four = 4 * e.rowNumerator;
-        const int64_t q = floorDiv(four, e.denominator);
-        e.step = common::splatInt(int32_t(uint32_t(q) << kEventFracBits));
-        e.stepRemainder = int32_t(four - q * e.denominator);
+        // S dx / (S dy): the quotient of dx / dy, the remainder scaled by S.
+        const int32_t q = int32_t(floorDiv(dx, dy));
+        e.rowQuotient = q;
+        e.rowRemainder = (dx - q * dy) * kSubpixelOne;
+        int32_t q4 = 4 * q;
+        int64_t r4 = 4 * int64_t(e.rowRemainder);
+        while (r4 >= e.denominator) ++q4, r4 -= e.denominator;
+        e.step = common::splatInt(int32_t(uint32_t(q4) << kEventFracBits));
+        e.stepRemainder = int32_t(r4);
     }
 }
 
 ZELK_INLINE void startEdge(Edge& e, int32_t firstRow) {
     alignas(16) int32_t events[4], remainders[4];
+    const int64_t num = e.startNumerator + int64_t(firstRow) * e.rowNumerator;
+    int64_t q = floorDiv(num, e.denominator);
+    int32_t r = int32_t(num - q * e.denominator);
     for (int k = 0; k < 4; ++k) {
-        const int64_t num = e.startNumerator + int64_t(firstRow + k) * e.rowNumerator;
-        const int64_t q = floorDiv(num, e.denominator);
         // Rows the edge does not span may wrap; they are replaced by e.outside.
         events[k] = int32_t(uint32_t(q) << kEventFracBits);
-        remainders[k] = int32_t(num - q * e.denominator);
+        remainders[k] = r;
+        q += e.rowQuotient;
+        r += e.rowRemainder;
+        if (r >= e.denominator) ++q, r -= e.denominator;
     }
     e.event = common::loadInt4(events);
     e.remainder = common::loadInt4(remainders);
@@ -519,8 +535,9 @@ int MaskedOcclusionCullingPrivate::projectAndRasterize(float4 vX[3], float4 vY[3
         // division puts every backend on the same grid point.
         static const float4 kScale = common::splat(float(kSubpixelOne));
         static const float4 kStep = common::splat(1.0f / float(kSubpixelOne));
-        sx[k] = common::roundNearest((centerX + (vX[k] * halfWidth) / vW[k]) * kScale) * kStep;
-        sy[k] = common::roundNearest((centerY + (vY[k] * halfHeight) / vW[k]) * kScale) * kStep;
+        const float4 exact = common::splat(1.0f) / vW[k];
+        sx[k] = common::roundNearest((centerX + (vX[k] * halfWidth) * exact) * kScale) * kStep;
+        sy[k] = common::roundNearest((centerY + (vY[k] * halfHeight) * exact) * kScale) * kStep;
 #else
         sx[k] = common::roundNearest(centerX + (vX[k] * halfWidth) * r);
         sy[k] = common::roundNearest(centerY + (vY[k] * halfHeight) * r);
