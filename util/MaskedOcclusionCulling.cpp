@@ -181,11 +181,9 @@ ZELK_INLINE void setupEdge(Edge& e, int32_t ux, int32_t uy, int32_t lx, int32_t 
         const int32_t q = int32_t(floorDiv(dx, dy));
         e.rowQuotient = q;
         e.rowRemainder = (dx - q * dy) * kSubpixelOne;
-        int32_t q4 = 4 * q;
-        int64_t r4 = 4 * int64_t(e.rowRemainder);
-        while (r4 >= e.denominator) ++q4, r4 -= e.denominator;
+        const int64_t q4 = floorDiv(4 * e.rowNumerator, e.denominator);
         e.step = common::splatInt(int32_t(uint32_t(q4) << kEventFracBits));
-        e.stepRemainder = int32_t(r4);
+        e.stepRemainder = int32_t(4 * e.rowNumerator - q4 * e.denominator);
     }
 }
 
@@ -198,9 +196,10 @@ ZELK_INLINE void startEdge(Edge& e, int32_t firstRow) {
         // Rows the edge does not span may wrap; they are replaced by e.outside.
         events[k] = int32_t(uint32_t(q) << kEventFracBits);
         remainders[k] = r;
-        q += e.rowQuotient;
         r += e.rowRemainder;
-        if (r >= e.denominator) ++q, r -= e.denominator;
+        const int32_t carry = r >= e.denominator; // without a branch: it is unpredictable
+        q += e.rowQuotient + carry;
+        r -= carry * e.denominator;
     }
     e.event = common::loadInt4(events);
     e.remainder = common::loadInt4(remainders);
