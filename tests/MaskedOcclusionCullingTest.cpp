@@ -565,8 +565,9 @@ void renderSub(Moc& m, const std::vector<SubTri>& tris) {
 }
 
 // Random oblique, thin, sliver and tiny triangles around a w x h screen.
-// Positions never end in exactly half a pixel, where snapping would depend on
-// rounding in the projection.
+// For snapping, positions never end in exactly half a pixel (the rounding
+// would depend on the projection); for exact coverage some vertices sit on
+// pixel centres.
 SubTri randomSubTri(std::mt19937& rng, int w, int h, int kind) {
     std::uniform_int_distribution<int> px(-20 * 256, (w + 20) * 256), py(-20 * 256, (h + 20) * 256);
     std::uniform_int_distribution<int> near(-6 * 256, 6 * 256), depth(1, 20);
@@ -581,9 +582,15 @@ SubTri randomSubTri(std::mt19937& rng, int w, int h, int kind) {
     } else if (kind == 3) { // small
         for (int k = 1; k < 3; ++k) t.x[k] = t.x[0] + near(rng), t.y[k] = t.y[0] + near(rng);
     }
+    std::uniform_int_distribution<int> coin(0, 7);
     for (int k = 0; k < 3; ++k) {
-        t.x[k] += (t.x[k] & 255) == 128;
-        t.y[k] += (t.y[k] & 255) == 128;
+        if (!ZELK_EXACT_COVERAGE) {
+            t.x[k] += (t.x[k] & 255) == 128;
+            t.y[k] += (t.y[k] & 255) == 128;
+        } else if (coin(rng) == 0) { // on a pixel centre: the tie rules decide
+            t.x[k] = (t.x[k] & ~255) | 128;
+            t.y[k] = (t.y[k] & ~255) | 128;
+        }
         t.w[k] = float(depth(rng));
     }
     return t;

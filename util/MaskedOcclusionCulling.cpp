@@ -188,21 +188,22 @@ ZELK_INLINE void setupEdge(Edge& e, int32_t ux, int32_t uy, int32_t lx, int32_t 
 }
 
 ZELK_INLINE void startEdge(Edge& e, int32_t firstRow) {
-    alignas(16) int32_t events[4], remainders[4];
     const int64_t num = e.startNumerator + int64_t(firstRow) * e.rowNumerator;
-    int64_t q = floorDiv(num, e.denominator);
-    int32_t r = int32_t(num - q * e.denominator);
-    for (int k = 0; k < 4; ++k) {
-        // Rows the edge does not span may wrap; they are replaced by e.outside.
-        events[k] = int32_t(uint32_t(q) << kEventFracBits);
-        remainders[k] = r;
-        r += e.rowRemainder;
-        const int32_t carry = r >= e.denominator; // without a branch: it is unpredictable
-        q += e.rowQuotient + carry;
-        r -= carry * e.denominator;
+    const int64_t q0 = floorDiv(num, e.denominator);
+    // Rows 1-3 step from row 0 (the carry without a branch: it is
+    // unpredictable). Rows the edge does not span may wrap; they are replaced
+    // by e.outside.
+    int32_t q[4], r[4];
+    q[0] = int32_t(uint32_t(q0));
+    r[0] = int32_t(num - q0 * e.denominator);
+    for (int k = 1; k < 4; ++k) {
+        const int32_t sum = r[k - 1] + e.rowRemainder;
+        const int32_t carry = sum >= e.denominator;
+        q[k] = int32_t(uint32_t(q[k - 1]) + uint32_t(e.rowQuotient + carry));
+        r[k] = sum - carry * e.denominator;
     }
-    e.event = common::loadInt4(events);
-    e.remainder = common::loadInt4(remainders);
+    e.event = common::shiftLeft<kEventFracBits>(common::makeInt4(q[0], q[1], q[2], q[3]));
+    e.remainder = common::makeInt4(r[0], r[1], r[2], r[3]);
 }
 
 ZELK_INLINE void advanceEdge(Edge& e) {
@@ -555,6 +556,23 @@ int MaskedOcclusionCullingPrivate::projectAndRasterize(float4 vX[3], float4 vY[3
         sy[2] = common::select(positive, y1, sy[2]);
         sz[2] = common::select(positive, z1, sz[2]);
     }
+#if ZELK_EXACT_COVERAGE
+    {
+        // A triangle whose bounding box holds no pixel centre covers none:
+        // most sub-pixel triangles (those snapping would flatten) end here.
+        static const int4 kBelowHalf = common::splatInt(kSubpixelHalf - 1);
+        static const int4 kHalf = common::splatInt(kSubpixelHalf);
+        const auto centres = [](const float4* v) {
+            const float4 scale = common::splat(float(kSubpixelOne));
+            const int4 lo = common::truncToInt(common::min(common::min(v[0], v[1]), v[2]) * scale);
+            const int4 hi = common::truncToInt(common::max(common::max(v[0], v[1]), v[2]) * scale);
+            // First centre at or after lo, last at or before hi (whole pixels).
+            return common::cmpGe(common::shiftRightArithmetic<kSubpixelBits>(hi - kHalf),
+                                 common::shiftRightArithmetic<kSubpixelBits>(lo + kBelowHalf));
+        };
+        laneMask &= common::signMask(centres(sx) & centres(sy));
+    }
+#endif
     const unsigned positiveBits = common::signMask(positive);
     if (unsigned(winding) & 2u) laneMask &= ~positiveBits;
     if (unsigned(winding) & 1u) laneMask &= positiveBits;
