@@ -74,6 +74,7 @@ void BM_MaskedOcclusionCulling_renderTriangles(benchmark::State& state) {
     int hidden = 0;
     if (!frame.check(hidden)) state.SkipWithError("city rendered wrongly");
     state.counters["hiddenFound"] = hidden;
+    state.counters["culledShare"] = double(hidden) / double(frame.boxes.size() / 12);
     state.counters["bufferBytes"] = double(gAllocatedBytes);
     state.SetItemsProcessed(int64_t(state.iterations()) * frame.scene.triangleCount);
 }
@@ -84,7 +85,7 @@ BENCHMARK(BM_MaskedOcclusionCulling_renderTriangles)
     ->Unit(benchmark::kMicrosecond);
 
 void BM_MaskedOcclusionCulling_query(benchmark::State& state) {
-    Frame frame(640, 360);
+    Frame frame(unsigned(state.range(0)), unsigned(state.range(1)));
     frame.render();
     int hidden = 0;
     if (!frame.check(hidden)) state.SkipWithError("city rendered wrongly");
@@ -101,6 +102,6 @@ void BM_MaskedOcclusionCulling_query(benchmark::State& state) {
     state.counters["hiddenFound"] = hidden;
     state.SetItemsProcessed(int64_t(state.iterations()) * int64_t(count));
 }
-BENCHMARK(BM_MaskedOcclusionCulling_query)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_MaskedOcclusionCulling_query)->Args({320, 192})->Args({640, 360})->Unit(benchmark::kMicrosecond);
 
 } // namespace

@@ -73,6 +73,7 @@ void BM_Rasterizer_rasterize(benchmark::State& state) {
     rapid.setModelViewProjection(city.viewProjection);
     if (!city.check(rapid, hidden)) state.SkipWithError("city rendered wrongly");
     state.counters["hiddenFound"] = hidden;
+    state.counters["culledShare"] = double(hidden) / double(city.boxes.size() / 12);
     state.counters["quads"] = double(city.quads);
     state.SetItemsProcessed(int64_t(state.iterations()) * city.scene.triangleCount);
 }
@@ -83,9 +84,10 @@ BENCHMARK(BM_Rasterizer_rasterize)
     ->Unit(benchmark::kMicrosecond);
 
 void BM_Rasterizer_query(benchmark::State& state) {
-    const BakedCity city(640, 360);
+    const unsigned width = unsigned(state.range(0)), height = unsigned(state.range(1));
+    const BakedCity city(width, height);
     util::RapidRasterizer rapid;
-    rapid.setResolution(640, 360);
+    rapid.setResolution(width, height);
     city.render(rapid);
     rapid.setModelViewProjection(city.viewProjection);
     int hidden = 0;
@@ -101,7 +103,7 @@ void BM_Rasterizer_query(benchmark::State& state) {
     state.counters["hiddenFound"] = hidden;
     state.SetItemsProcessed(int64_t(state.iterations()) * int64_t(count));
 }
-BENCHMARK(BM_Rasterizer_query)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Rasterizer_query)->Args({320, 192})->Args({640, 360})->Unit(benchmark::kMicrosecond);
 
 // Creating a rasteriser copies the stored coverage table; building it from
 // its samples is what that replaces.

@@ -165,22 +165,58 @@ TEST(Rasterizer, DepthCodesAndQuantisers) {
     EXPECT_NEAR(0.25f, common::lane<0>(inv), 1e-4f);
 }
 
-TEST(Rasterizer, StoredTableEqualsTheSampledConstruction) {
-    Rasterizer r;
-    const std::vector<uint64_t> stored = r.getRasterizationTable();
-    ASSERT_EQ(4096u, stored.size());
+TEST(Rasterizer, StoredTablesEqualTheirConstructions) {
     std::vector<uint64_t> built(4096, 0);
     Rasterizer::precomputeRasterizationTableInto(built);
-    EXPECT_EQ(built, stored);
+    EXPECT_EQ(built, std::vector<uint64_t>(Rasterizer::storedRasterizationTable(),
+                                           Rasterizer::storedRasterizationTable() + 4096));
     // Spot values derived by hand: an edge with a = 1 (slope row 31, b = 0)
     // and offset column 32 (o ~ 0) covers the pixels with x <= 0, columns 0-3.
-    EXPECT_EQ(0x00000000FFFFFFFFull, stored[31 * 128 + 32]);
+    EXPECT_EQ(0x00000000FFFFFFFFull, built[31 * 128 + 32]);
     // a = 0, b = 1 (row 16): rows below the centre, bits 0-3 of each byte... row r is bit 7 - r.
-    EXPECT_EQ(0xF0F0F0F0F0F0F0F0ull, stored[16 * 128 + 32] & 0xF0F0F0F0F0F0F0F0ull);
-    EXPECT_EQ(0ull, stored[31 * 128 + 63]); // wholly outside
-    EXPECT_EQ(~0ull, stored[31 * 128 + 0]); // wholly inside
-    r.precomputeRasterizationTable();       // OR-ing the same samples again changes nothing
-    EXPECT_EQ(stored, r.getRasterizationTable());
+    EXPECT_EQ(0xF0F0F0F0F0F0F0F0ull, built[16 * 128 + 32] & 0xF0F0F0F0F0F0F0F0ull);
+    EXPECT_EQ(0ull, built[31 * 128 + 63]); // wholly outside
+    EXPECT_EQ(~0ull, built[31 * 128 + 0]); // wholly inside
+
+    // The conservative table: the stored copy equals its construction, with
+    // the same spot entries (for a = 1 the bucket's edges reach at most
+    // 1/70 + 0.033 * 0.4375 = 0.029 block units right of x = 0, short of the
+    // centres of column 4 at 0.0625), and every pixel it marks lies inside
+    // the actual edge that looks it up, for random edges at random offsets.
+    std::vector<uint64_t> conservative(4096, 0);
+    Rasterizer::precomputeConservativeTableInto(conservative);
+    EXPECT_EQ(conservative, std::vector<uint64_t>(Rasterizer::storedConservativeTable(),
+                                                  Rasterizer::storedConservativeTable() + 4096));
+    EXPECT_EQ(0x00000000FFFFFFFFull, conservative[31 * 128 + 32]);
+    EXPECT_EQ(0ull, conservative[31 * 128 + 63]);
+    EXPECT_EQ(~0ull, conservative[31 * 128 + 0]);
+    std::mt19937 rng(3);
+    std::uniform_real_distribution<float> angle(0.0f, 6.2832f), offset(-0.6f, 0.6f);
+    long marked = 0;
+    for (int i = 0; i < 100000; ++i) {
+        const float t = angle(rng), o = offset(rng);
+        float4 a = common::splat(std::cos(t)), b = common::splat(std::sin(t)), inv;
+        Rasterizer::normalizeEdge(a, b, inv);
+        const float na = common::lane<0>(a), nb = common::lane<0>(b), no = o * common::lane<0>(inv);
+        const int index = common::lane<0>(Rasterizer::quantizeSlopeLookup(a, b)) + Rasterizer::quantizeOffsetLookup(no);
+        const uint64_t mask = conservative[size_t(index)];
+        for (int bit = 0; bit < 64; ++bit) {
+            if (!((mask >> bit) & 1u)) continue;
+            ++marked;
+            const int c = bit / 8, row = 7 - bit % 8;
+            ASSERT_LE(double(no) + double(na) * (-0.4375 + 0.125 * c) + double(nb) * (-0.4375 + 0.125 * row), 0.0)
+                << t << " " << o << " bit " << bit;
+        }
+    }
+    EXPECT_GT(marked, 100000L * 16);
+
+    // A rasteriser holds the table of its build; rebuilding ORs the samples in.
+    Rasterizer r;
+    EXPECT_EQ(ZELK_EXACT_COVERAGE ? conservative : built, r.getRasterizationTable());
+    std::vector<uint64_t> merged = r.getRasterizationTable();
+    for (size_t i = 0; i < merged.size(); ++i) merged[i] |= built[i];
+    r.precomputeRasterizationTable();
+    EXPECT_EQ(merged, r.getRasterizationTable());
 }
 
 TEST(Rasterizer, ResolutionKeepsSurvivingEntriesAndClearZeroes) {
@@ -209,13 +245,15 @@ TEST(Rasterizer, ResolutionKeepsSurvivingEntriesAndClearZeroes) {
 TEST(Rasterizer, RandomQuadsStayWithinExactCoverageAndDepth) {
     // Quads of every shape and slant against exact pixel-centre coverage of
     // their two triangles (c0 c1 c2) and (c2 c3 c0), in double precision, at
-    // the baked (dequantised) corners. The coverage table may reach past the
-    // exact edge by its bucket rounding: measured here and bounded.
+    // the baked (dequantised) corners. The documented coverage table may
+    // reach past the exact edge by its bucket rounding: measured here and
+    // bounded. The conservative table of exact-coverage builds never does;
+    // what it leaves out near edges is measured.
     std::mt19937 rng(7);
     std::uniform_real_distribution<double> unit(0.0, 1.0);
     const int width = 96, height = 64;
     double farthestOvercover = 0.0;
-    size_t deepInside = 0, deepInsideDrawn = 0, overcovered = 0, covered = 0;
+    size_t deepInside = 0, deepInsideDrawn = 0, overcovered = 0, covered = 0, exactlyCovered = 0, dropped = 0;
     for (int trial = 0; trial < 300; ++trial) {
         Rasterizer r;
         r.setResolution(width, height);
@@ -239,6 +277,8 @@ TEST(Rasterizer, RandomQuadsStayWithinExactCoverageAndDepth) {
             for (int x = 0; x < width; ++x) {
                 const uint16_t got = r.pixelDepth(unsigned(x), unsigned(y));
                 if (got != 0) ++covered;
+                exactlyCovered += exact.covered(x, y);
+                dropped += exact.covered(x, y) && got == 0;
                 // Near a quad's edge the table may cover a pixel that the quad does
                 // not; there the quad's nearest corner bounds the code.
                 double nearest = std::numeric_limits<double>::infinity();
@@ -246,7 +286,7 @@ TEST(Rasterizer, RandomQuadsStayWithinExactCoverageAndDepth) {
                 for (const auto& q : baked.quads) {
                     const double d = std::min(lineSlack(q[0], q[1], q[2], x + 0.5, y + 0.5),
                                               lineSlack(q[2], q[3], q[0], x + 0.5, y + 0.5));
-                    if (d > 0.75 || d == 0.0) continue; // inside: the exact depth holds
+                    if (d > 0.75 || d == 0.0 || ZELK_EXACT_COVERAGE) continue; // inside: the exact depth holds
                     nearest = std::min(nearest, d);
                     const double dmax = std::max({q[0].d, q[1].d, q[2].d, q[3].d});
                     allowed = std::max(allowed, testing_support::rapidCode(float(dmax)));
@@ -257,34 +297,43 @@ TEST(Rasterizer, RandomQuadsStayWithinExactCoverageAndDepth) {
                     farthestOvercover = std::max(farthestOvercover, nearest);
                 }
                 // A pixel 1 px inside a planar quad is drawn, at most 64 codes (3% of
-                // the depth) farther: the baked corners are no longer coplanar
-                // after quantisation, and the plane is lowered to the lowest of them.
-                bool inside = false;
+                // the depth) farther than that quad: the baked corners are no longer
+                // coplanar after quantisation, and the plane is lowered to the lowest
+                // of them. (Compared with the quad itself, not the exact buffer: a
+                // nearer quad's edge may pass close by.)
+                double deepDepth = -1.0;
                 for (const auto& q : baked.quads) {
                     const auto inset = [&](const ScreenVertex& a, const ScreenVertex& b, const ScreenVertex& c) {
                         const double area = (b.x - a.x) * (c.y - a.y) - (b.y - a.y) * (c.x - a.x);
-                        if (!(std::fabs(area) > 1.0)) return false;
+                        if (!(std::fabs(area) > 1.0)) return;
                         const ScreenVertex v[3] = {a, b, c};
+                        double weights[3];
                         for (int e = 0; e < 3; ++e) {
                             const ScreenVertex &p = v[e], &n = v[(e + 1) % 3];
-                            const double f = ((n.x - p.x) * (y + 0.5 - p.y) - (n.y - p.y) * (x + 0.5 - p.x)) *
-                                             (area > 0 ? 1 : -1) / std::hypot(n.x - p.x, n.y - p.y);
-                            if (f < 1.0) return false;
+                            const double f = (n.x - p.x) * (y + 0.5 - p.y) - (n.y - p.y) * (x + 0.5 - p.x);
+                            if (f * (area > 0 ? 1 : -1) / std::hypot(n.x - p.x, n.y - p.y) < 1.0) return;
+                            weights[(e + 2) % 3] = f / area; // barycentric weight of the opposite corner
                         }
-                        return true;
+                        deepDepth = std::max(deepDepth, weights[0] * a.d + weights[1] * b.d + weights[2] * c.d);
                     };
-                    inside = inside || inset(q[0], q[1], q[2]) || inset(q[2], q[3], q[0]);
+                    inset(q[0], q[1], q[2]);
+                    inset(q[2], q[3], q[0]);
                 }
-                if (inside && planar) {
+                if (deepDepth >= 0.0 && planar) {
                     ++deepInside;
-                    if (got + 64 >= exact.code(x, y)) ++deepInsideDrawn;
+                    if (got + 64 >= testing_support::rapidCode(float(deepDepth))) ++deepInsideDrawn;
                 }
             }
     }
-    std::printf("rapid coverage: %zu pixels drawn, %zu beyond exact coverage, farthest %.3f px outside an edge line; "
-                "%zu of %zu pixels 1 px inside drawn within 64 codes\n",
-                covered, overcovered, farthestOvercover, deepInsideDrawn, deepInside);
+    std::printf("rapid coverage (%s table): %zu pixels drawn, %zu beyond exact coverage, farthest %.3f px outside "
+                "an edge line; %zu of %zu exactly covered pixels left undrawn; %zu of %zu pixels 1 px inside drawn "
+                "within 64 codes\n",
+                ZELK_EXACT_COVERAGE ? "conservative" : "documented", covered, overcovered, farthestOvercover, dropped,
+                exactlyCovered, deepInsideDrawn, deepInside);
     EXPECT_LT(farthestOvercover, 0.75);
+    if (ZELK_EXACT_COVERAGE) {
+        EXPECT_EQ(0u, overcovered);
+    }
     EXPECT_GT(deepInside, 50000u);
     EXPECT_GE(double(deepInsideDrawn), 0.995 * double(deepInside));
 }
@@ -420,9 +469,10 @@ TEST(Rasterizer, QuadsCrossingTheNearPlaneAreClipped) {
             }
     }
     // Clipped quads are drawn, not dropped: nearly every exactly covered pixel
-    // is drawn within 3% of its depth.
+    // is drawn within 3% of its depth (the conservative table of exact builds
+    // leaves pixels within about half a pixel of each edge undrawn: 92.5% here).
     EXPECT_GT(strictPixels, 30000u);
-    EXPECT_GE(double(drawnPixels), 0.97 * double(strictPixels));
+    EXPECT_GE(double(drawnPixels), (ZELK_EXACT_COVERAGE ? 0.91 : 0.97) * double(strictPixels));
 }
 
 TEST(Rasterizer, QueriesFollowTheBlockRules) {

@@ -6,6 +6,7 @@
 #include "common/Simd.h"
 
 #include <cfloat>
+#include <cmath>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -121,6 +122,97 @@ ZELK_INLINE void updateLayers(MaskedTile& tile, float4 zTri, int4 cov) {
     tile.coverageMask = common::andNot(newMask, full);
 }
 
+#if ZELK_EXACT_COVERAGE
+// Vertices keep 8 fraction bits: within +-kCoordLimit pixels a coordinate
+// needs 21 bits, an edge's dy 22, and 2^8 dy (the denominator below) stays
+// below 2^30, so remainders and their sums fit 32-bit lanes.
+constexpr int kSubpixelBits = 8;
+constexpr int32_t kSubpixelOne = 1 << kSubpixelBits;
+constexpr int32_t kSubpixelHalf = kSubpixelOne / 2;
+static_assert(int64_t(kCoordLimit) * kSubpixelOne * 2 * kSubpixelOne * 2 < (int64_t(1) << 31), "remainder range");
+
+// Floor division for a positive denominator, |num| < 2^52: the quotient in
+// double precision is within one of the floor (integer division is several
+// times slower), and the remainder corrects it.
+ZELK_INLINE int64_t floorDiv(int64_t num, int64_t den) {
+    int64_t q = int64_t(std::floor(double(num) / double(den)));
+    const int64_t r = num - q * den;
+    if (r < 0) --q;
+    if (r >= den) ++q;
+    return q;
+}
+
+// Events hold the pixel column in the integer field and no fraction; the
+// exact remainder of the crossing lives beside them in `remainder`.
+struct Edge {
+    int32_t yTop, yBottom;  // pixel rows [yTop, yBottom) whose centres it spans
+    int64_t startNumerator; // numerator of the first covered column at row 0
+    int64_t rowNumerator;   // its change per row
+    int32_t denominator;
+    int32_t rowQuotient, rowRemainder; // one row's change, divided
+    int32_t stepRemainder;
+    int4 event;
+    int4 remainder; // numerator - column * denominator, in [0, denominator)
+    int4 step;      // four rows, column part
+    int4 outside;
+};
+
+ZELK_INLINE void setupEdge(Edge& e, int32_t ux, int32_t uy, int32_t lx, int32_t ly, int32_t outside,
+                           bool includeBottom) {
+    // Coordinates carry kSubpixelBits fraction bits. Pixel i of row j is
+    // right of the edge when its centre is at or right of the crossing:
+    //   i >= ((ux - h) dy + (S j + h - uy) dx) / (S dy), S = 2^bits, h = S/2.
+    // A row counts when its centre lies below the upper vertex and above the
+    // lower one; a centre level with the lower vertex counts only for the
+    // upper short edge, so centres on horizontal edges are never covered.
+    const int32_t dx = lx - ux, dy = ly - uy;
+    e.yTop = ((uy - kSubpixelHalf) >> kSubpixelBits) + 1;
+    e.yBottom = includeBottom ? ((ly - kSubpixelHalf) >> kSubpixelBits) + 1 : (ly + kSubpixelHalf - 1) >> kSubpixelBits;
+    e.denominator = dy > 0 ? dy * kSubpixelOne : 1;
+    e.rowNumerator = int64_t(dx) * kSubpixelOne;
+    e.startNumerator = int64_t(ux - kSubpixelHalf) * dy + int64_t(kSubpixelHalf - uy) * dx + e.denominator - 1;
+    e.outside = common::splatInt(outside);
+    e.event = e.outside;
+    e.remainder = common::splatInt(0);
+    e.step = common::splatInt(0);
+    e.rowQuotient = e.rowRemainder = e.stepRemainder = 0;
+    if (dy > 0) {
+        // S dx / (S dy): the quotient of dx / dy, the remainder scaled by S.
+        const int32_t q = int32_t(floorDiv(dx, dy));
+        e.rowQuotient = q;
+        e.rowRemainder = (dx - q * dy) * kSubpixelOne;
+        const int64_t q4 = floorDiv(4 * e.rowNumerator, e.denominator);
+        e.step = common::splatInt(int32_t(uint32_t(q4) << kEventFracBits));
+        e.stepRemainder = int32_t(4 * e.rowNumerator - q4 * e.denominator);
+    }
+}
+
+ZELK_INLINE void startEdge(Edge& e, int32_t firstRow) {
+    const int64_t num = e.startNumerator + int64_t(firstRow) * e.rowNumerator;
+    const int64_t q0 = floorDiv(num, e.denominator);
+    // Rows 1-3 step from row 0 (the carry without a branch: it is
+    // unpredictable). Rows the edge does not span may wrap; they are replaced
+    // by e.outside.
+    int32_t q[4], r[4];
+    q[0] = int32_t(uint32_t(q0));
+    r[0] = int32_t(num - q0 * e.denominator);
+    for (int k = 1; k < 4; ++k) {
+        const int32_t sum = r[k - 1] + e.rowRemainder;
+        const int32_t carry = sum >= e.denominator;
+        q[k] = int32_t(uint32_t(q[k - 1]) + uint32_t(e.rowQuotient + carry));
+        r[k] = sum - carry * e.denominator;
+    }
+    e.event = common::shiftLeft<kEventFracBits>(common::makeInt4(q[0], q[1], q[2], q[3]));
+    e.remainder = common::makeInt4(r[0], r[1], r[2], r[3]);
+}
+
+ZELK_INLINE void advanceEdge(Edge& e) {
+    const int4 remainder = e.remainder + common::splatInt(e.stepRemainder);
+    const int4 carry = common::cmpGe(remainder, common::splatInt(e.denominator));
+    e.remainder = remainder - (carry & common::splatInt(e.denominator));
+    e.event = e.event + e.step + (carry & common::splatInt(1 << kEventFracBits));
+}
+#else
 // One triangle edge, walked down the tile rows it spans.
 struct Edge {
     int32_t yTop, yBottom; // pixel rows [yTop, yBottom) whose centres it spans
@@ -131,7 +223,7 @@ struct Edge {
     int4 outside; // event used for rows it does not span
 };
 
-ZELK_INLINE void setupEdge(Edge& e, int32_t ux, int32_t uy, int32_t lx, int32_t ly, int32_t outside) {
+ZELK_INLINE void setupEdge(Edge& e, int32_t ux, int32_t uy, int32_t lx, int32_t ly, int32_t outside, bool) {
     // Pixel i of row j is right of the edge when i >= ceil(t), with t the
     // crossing at the row centre less half a pixel:
     //   t = ((2ux - 1) dy + (2j + 1 - 2uy) dx) / (2 dy);
@@ -172,6 +264,7 @@ ZELK_INLINE void advanceEdge(Edge& e) {
     const int4 carry = common::cmpGe(frac, common::splatInt(e.denominator));
     e.event = ev + (carry & common::splatInt((1 << kEventFracBits) - e.denominator));
 }
+#endif
 
 ZELK_INLINE int4 rowEvent(const Edge& e, int4 rows) {
     const int4 inside =
@@ -437,8 +530,18 @@ int MaskedOcclusionCullingPrivate::projectAndRasterize(float4 vX[3], float4 vY[3
     float4 sx[3], sy[3], sz[3];
     for (int k = 0; k < 3; ++k) {
         const float4 r = common::rcp(vW[k]);
+#if ZELK_EXACT_COVERAGE
+        // Sub-pixel positions on the rasteriser's fixed-point grid; a true
+        // division puts every backend on the same grid point.
+        static const float4 kScale = common::splat(float(kSubpixelOne));
+        static const float4 kStep = common::splat(1.0f / float(kSubpixelOne));
+        const float4 exact = common::splat(1.0f) / vW[k];
+        sx[k] = common::roundNearest((centerX + (vX[k] * halfWidth) * exact) * kScale) * kStep;
+        sy[k] = common::roundNearest((centerY + (vY[k] * halfHeight) * exact) * kScale) * kStep;
+#else
         sx[k] = common::roundNearest(centerX + (vX[k] * halfWidth) * r);
         sy[k] = common::roundNearest(centerY + (vY[k] * halfHeight) * r);
+#endif
         sz[k] = r;
     }
     const float4 area = (sx[1] - sx[2]) * (sy[0] - sy[2]) - (sx[2] - sx[0]) * (sy[2] - sy[1]);
@@ -453,6 +556,23 @@ int MaskedOcclusionCullingPrivate::projectAndRasterize(float4 vX[3], float4 vY[3
         sy[2] = common::select(positive, y1, sy[2]);
         sz[2] = common::select(positive, z1, sz[2]);
     }
+#if ZELK_EXACT_COVERAGE
+    {
+        // A triangle whose bounding box holds no pixel centre covers none:
+        // most sub-pixel triangles (those snapping would flatten) end here.
+        static const int4 kBelowHalf = common::splatInt(kSubpixelHalf - 1);
+        static const int4 kHalf = common::splatInt(kSubpixelHalf);
+        const auto centres = [](const float4* v) {
+            const float4 scale = common::splat(float(kSubpixelOne));
+            const int4 lo = common::truncToInt(common::min(common::min(v[0], v[1]), v[2]) * scale);
+            const int4 hi = common::truncToInt(common::max(common::max(v[0], v[1]), v[2]) * scale);
+            // First centre at or after lo, last at or before hi (whole pixels).
+            return common::cmpGe(common::shiftRightArithmetic<kSubpixelBits>(hi - kHalf),
+                                 common::shiftRightArithmetic<kSubpixelBits>(lo + kBelowHalf));
+        };
+        laneMask &= common::signMask(centres(sx) & centres(sy));
+    }
+#endif
     const unsigned positiveBits = common::signMask(positive);
     if (unsigned(winding) & 2u) laneMask &= ~positiveBits;
     if (unsigned(winding) & 1u) laneMask &= positiveBits;
@@ -651,9 +771,14 @@ void MaskedOcclusionCullingPrivate::rasterizeTriangle(const float* xs, const flo
     if (ys[ib] < ys[ia]) std::swap(ia, ib);
     if (ys[ic] < ys[ib]) std::swap(ib, ic);
     if (ys[ib] < ys[ia]) std::swap(ia, ib);
-    const int32_t ax = int32_t(xs[ia]), ay = int32_t(ys[ia]);
-    const int32_t bx = int32_t(xs[ib]), by = int32_t(ys[ib]);
-    const int32_t cx = int32_t(xs[ic]), cy = int32_t(ys[ic]);
+#if ZELK_EXACT_COVERAGE
+    const float scale = float(kSubpixelOne); // positions lie on this grid already
+#else
+    const float scale = 1.0f;
+#endif
+    const int32_t ax = int32_t(xs[ia] * scale), ay = int32_t(ys[ia] * scale);
+    const int32_t bx = int32_t(xs[ib] * scale), by = int32_t(ys[ib] * scale);
+    const int32_t cx = int32_t(xs[ic] * scale), cy = int32_t(ys[ic] * scale);
     const int64_t cross = int64_t(bx - ax) * (cy - ay) - int64_t(by - ay) * (cx - ax);
     if (cross == 0) return; // no area, no pixel centre inside
     const bool midRight = cross > 0;
@@ -669,9 +794,9 @@ void MaskedOcclusionCullingPrivate::rasterizeTriangle(const float* xs, const flo
     // Either way the event is far right when the middle vertex is on the
     // right (long edge left), far left otherwise.
     const int32_t outside = midRight ? kEventFar : -kEventFar;
-    setupEdge(longEdge, ax, ay, cx, cy, outside);
-    setupEdge(upper, ax, ay, bx, by, outside);
-    setupEdge(lower, bx, by, cx, cy, outside);
+    setupEdge(longEdge, ax, ay, cx, cy, outside, false);
+    setupEdge(upper, ax, ay, bx, by, outside, true);
+    setupEdge(lower, bx, by, cx, cy, outside, false);
     const int rightIdx = 0, leftIdx = midRight ? 2 : 1;
 
     // Depth at the farthest corner of each 8x4 subtile, as a plane over tile
@@ -694,8 +819,8 @@ void MaskedOcclusionCullingPrivate::rasterizeTriangle(const float* xs, const flo
     startEdge(longEdge, tileRowMin << kTileHeightShift);
     for (int row = tileRowMin; row < tileRowMax; ++row) {
         const int32_t y0 = row << kTileHeightShift;
-        const bool useUpper = ay < by && y0 < by;
-        const bool useLower = by < cy && y0 + 4 > by;
+        const bool useUpper = upper.yTop < upper.yBottom && y0 < upper.yBottom;
+        const bool useLower = lower.yTop < lower.yBottom && y0 + 4 > lower.yTop;
         if (useUpper && !upperStarted) {
             startEdge(upper, y0);
             upperStarted = true;

@@ -10,6 +10,7 @@ namespace util {
 using namespace common;
 
 extern const uint64_t kRasterizationTable[Rasterizer::kTableSize];
+extern const uint64_t kConservativeRasterizationTable[Rasterizer::kTableSize];
 
 namespace {
 
@@ -67,6 +68,12 @@ struct Rasterizer::QuadSetup {
     float diagBase, diagIncX, diagIncY;
     int diagSlope;
     uint64_t diagForce;
+    // The diagonal from corner 0 to corner 2 (exact coverage: the complement
+    // of a conservative mask is not conservative, so the second triangle
+    // looks its own edge up).
+    float backBase, backIncX, backIncY;
+    int backSlope;
+    uint64_t backForce;
     bool split;
     float depthOrigin, depthDx, depthDy, depthMax; // premultiplied depth plane in pixels
     uint16_t code;                                 // code of the nearest corner
@@ -107,7 +114,8 @@ EdgeLanes setupEdge(float4 x0, float4 y0, float4 x1, float4 y1) {
 } // namespace
 
 Rasterizer::Rasterizer() : localToClip(new RasterizerLocalToClip()) {
-    rasterizationTable.assign(kRasterizationTable, kRasterizationTable + kTableSize);
+    const uint64_t* stored = ZELK_EXACT_COVERAGE ? kConservativeRasterizationTable : kRasterizationTable;
+    rasterizationTable.assign(stored, stored + kTableSize);
     for (auto& group : planeLanes)
         for (float4& v : group) v = zero4();
     for (auto& group : planeSigns)
@@ -119,6 +127,7 @@ Rasterizer::Rasterizer() : localToClip(new RasterizerLocalToClip()) {
 Rasterizer::~Rasterizer() { delete localToClip; }
 
 const uint64_t* Rasterizer::storedRasterizationTable() { return kRasterizationTable; }
+const uint64_t* Rasterizer::storedConservativeTable() { return kConservativeRasterizationTable; }
 
 void Rasterizer::setResolution(unsigned newWidth, unsigned newHeight) {
     width = newWidth;
@@ -225,6 +234,39 @@ void Rasterizer::precomputeRasterizationTableInto(std::vector<uint64_t>& table) 
                     if (o + a * (-0.4375f + 0.125f * float(col)) + b * (-0.4375f + 0.125f * float(r)) <= 0.0f)
                         mask |= uint64_t(1) << (8 * col + 7 - r);
             table[rowBase + size_t(column)] |= mask;
+        }
+    }
+}
+
+void Rasterizer::precomputeConservativeTableInto(std::vector<uint64_t>& table) {
+    if (table.size() < kTableSize) return;
+    // Normalisation by a refined reciprocal estimate leaves |a| + |b| within
+    // about 2^-15 of 1, and the offsets carry float rounding from the block
+    // origin: both are absorbed by widening each bucket by kMargin.
+    constexpr double kMargin = 1.0 / 1024.0;
+    for (int row = 0; row < 32; ++row) {
+        // trunc(16 + 15.5 a) = row: a in [(row - 16) / 15.5, (row - 15) / 15.5).
+        const double aLo = std::max(-1.0, (row - 16) / 15.5 - kMargin);
+        const double aHi = std::min(1.0, (row - 15) / 15.5 + kMargin);
+        for (int negative = 0; negative < 2; ++negative) {
+            const double sign = negative ? -1.0 : 1.0;
+            for (int column = 0; column < 64; ++column) {
+                // Column k holds offsets o with trunc(70 o + 32) = k (clamped at
+                // both ends): o < (k - 31) / 70. Column 63 has no upper bound.
+                uint64_t mask = 0;
+                const double oMax = (column - 31) / 70.0 + kMargin;
+                for (int c = 0; c < 8 && column < 63; ++c)
+                    for (int r = 0; r < 8; ++r) {
+                        const double px = -0.4375 + 0.125 * c, py = -0.4375 + 0.125 * r;
+                        // a px + b py with b = sign (1 - |a|) is linear on each
+                        // side of a = 0: its largest value is at an end or at 0.
+                        const auto value = [&](double a) { return a * px + sign * (1.0 - std::fabs(a)) * py; };
+                        double largest = std::max(value(aLo), value(aHi));
+                        if (aLo < 0.0 && aHi > 0.0) largest = std::max(largest, value(0.0));
+                        if (oMax + largest <= 0.0) mask |= uint64_t(1) << (8 * c + 7 - r);
+                    }
+                table[size_t(row) * 128 + size_t(negative) * 64 + size_t(column)] = mask;
+            }
         }
     }
 }
@@ -360,6 +402,7 @@ void Rasterizer::drawBatch(const ScreenBatch& q) {
     EdgeLanes edges[4];
     for (int k = 0; k < 4; ++k) edges[k] = setupEdge(x[k], y[k], x[(k + 1) & 3], y[(k + 1) & 3]);
     const EdgeLanes diag = setupEdge(x[2], y[2], x[0], y[0]);
+    const EdgeLanes back = ZELK_EXACT_COVERAGE ? setupEdge(x[0], y[0], x[2], y[2]) : diag;
 
     // Depth plane through the larger of the two triangles (c0 c1 c2) and
     // (c0 c2 c3), lowered until the remaining corner is not nearer than it,
@@ -424,6 +467,11 @@ void Rasterizer::drawBatch(const ScreenBatch& q) {
         s.diagIncY = lane(diag.incY, j);
         s.diagSlope = lane(diag.slope, j);
         s.diagForce = lane(diag.degenerate, j) ? ~uint64_t(0) : 0;
+        s.backBase = lane(back.base, j);
+        s.backIncX = lane(back.incX, j);
+        s.backIncY = lane(back.incY, j);
+        s.backSlope = lane(back.slope, j);
+        s.backForce = lane(back.degenerate, j) ? ~uint64_t(0) : 0;
         s.depthOrigin = lane(origin, j);
         s.depthDx = lane(depthDx, j);
         s.depthDy = lane(depthDy, j);
@@ -447,6 +495,7 @@ void Rasterizer::drawQuad(const QuadSetup& s) {
     for (int by = s.by0; by <= s.by1; ++by) {
         const float4 rowBase = s.base + s.incY * splat(float(by));
         const float diagRow = s.diagBase + s.diagIncY * float(by);
+        const float backRow = s.backBase + s.backIncY * float(by);
         const size_t rowStart = size_t(by) * blocksX;
         for (int run = s.bx0; run <= s.bx1; run += 8) {
             // Blocks already at least as near as the quad's nearest corner are skipped unseen.
@@ -468,7 +517,14 @@ void Rasterizer::drawQuad(const QuadSetup& s) {
                     const float diagOffset = diagRow + s.diagIncX * float(bx);
                     const int column = lane<0>(min(max(truncToInt(splat(diagOffset)), splatInt(0)), splatInt(63)));
                     const uint64_t diag = table[s.diagSlope + column] | s.diagForce;
-                    mask = (e0 & e1 & diag) | (e2 & e3 & ~diag);
+                    uint64_t back = ~diag;
+                    if (ZELK_EXACT_COVERAGE) {
+                        const float backOffset = backRow + s.backIncX * float(bx);
+                        const int backColumn =
+                            lane<0>(min(max(truncToInt(splat(backOffset)), splatInt(0)), splatInt(63)));
+                        back = table[s.backSlope + backColumn] | s.backForce;
+                    }
+                    mask = (e0 & e1 & diag) | (e2 & e3 & back);
                 }
                 if (mask == 0) continue;
 

@@ -49,6 +49,11 @@ public:
     void precomputeRasterizationTable();
     // The same construction, OR-ed into the first kTableSize entries of table.
     static void precomputeRasterizationTableInto(std::vector<uint64_t>& table);
+    // The conservative table of exact-coverage builds: an entry holds the
+    // pixels whose centres lie inside every edge that quantises to it (with a
+    // margin for rounding in the edge set-up), written over the first
+    // kTableSize entries.
+    static void precomputeConservativeTableInto(std::vector<uint64_t>& table);
 
     // (bits of d) >> 12, arithmetic, narrowed with unsigned saturation: the
     // far plane packs to 0, the near plane just below 65536, anything nearer
@@ -70,8 +75,10 @@ public:
     size_t depthBufferSize() const { return depthBuffer.size(); }
     const std::vector<uint64_t>& getRasterizationTable() const { return rasterizationTable; }
     const RasterizerLocalToClip& getLocalToClip() const { return *localToClip; }
-    // The stored table, kTableSize entries.
+    // The stored tables, kTableSize entries each; a rasteriser copies the
+    // conservative one in exact-coverage builds.
     static const uint64_t* storedRasterizationTable();
+    static const uint64_t* storedConservativeTable();
 
 private:
     struct ScreenBatch;

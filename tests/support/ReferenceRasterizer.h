@@ -1,6 +1,7 @@
 // Exact per-pixel rasterizer used as the oracle for the masked rasterizer:
-// integer screen vertices, pixel (i, j) sampled at (i + 0.5, j + 0.5), depth
-// 1/w interpolated in double precision.
+// screen vertices in fixed point (whole pixels by default), pixel (i, j)
+// sampled at (i + 0.5, j + 0.5) in exact integer arithmetic, depth 1/w
+// interpolated in double precision.
 #pragma once
 
 #include <cstddef>
@@ -11,16 +12,18 @@
 namespace testing_support {
 
 struct ScreenTriangle {
-    int x[3], y[3]; // snapped pixel coordinates, y downward
+    int x[3], y[3]; // pixel coordinates in units of 2^-bits, y downward
     double z[3];    // 1/w per vertex
+    int bits = 0;   // fraction bits of x and y (at most 8)
 };
 
 class ReferenceRasterizer {
 public:
     ReferenceRasterizer(int width, int height);
 
-    // Centre strictly inside, or on an edge that bounds the triangle on its
-    // left (the interior lies to the edge's right); degenerate ones cover nothing.
+    // Centre strictly inside, or on a slanted edge that bounds the triangle on
+    // its left (the interior lies to the edge's right; centres on horizontal
+    // edges never count); degenerate ones cover nothing.
     static bool covers(const ScreenTriangle& t, int i, int j);
     // Signed distance in pixels from the centre of (i, j) to the nearest edge
     // line, positive inside; -infinity for degenerate triangles.
@@ -38,8 +41,8 @@ private:
     std::vector<double> depths;
 };
 
-// Clip-space vertex (x, y, z, w) that projects onto pixel (px, py) at the
-// given w on a width x height screen.
-void clipFromScreen(int px, int py, float w, int width, int height, float out[4]);
+// Clip-space vertex (x, y, z, w) that projects onto the screen point (px, py)
+// at the given w on a width x height screen.
+void clipFromScreen(float px, float py, float w, int width, int height, float out[4]);
 
 } // namespace testing_support
