@@ -48,8 +48,8 @@ int main(void) {
             failures += !zelkStartNewFrame(frameParams, viewProjection);
             for (k = 0; k < 3; ++k) {
                 model[14] = -5.0f - (float)k;
-                failures += !zelkSubmitOccluder(gridVertices, gridIndices, (kGrid + 1) * (kGrid + 1),
-                                                kGrid * kGrid * 6, k == 2 ? ZELK_NON_RIGID : ZELK_RIGID, model);
+                failures += !zelkSubmitOccluder(gridVertices, gridIndices, (kGrid + 1) * (kGrid + 1), kGrid * kGrid * 6,
+                                                k == 2 ? ZELK_NON_RIGID : ZELK_RIGID, model);
             }
             if (cycle % 7 == 3 && frame == 0) break; /* destroyed mid-frame, submissions pending */
             failures += !zelkRenderOccluders();

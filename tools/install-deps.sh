@@ -1,12 +1,17 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs, only those missing.
-#   tools/install-deps.sh         everything: tests, sanitizers, aarch64, benchmarks
+#   tools/install-deps.sh         everything tools/run-tests.sh uses: tests,
+#                                 sanitizers, aarch64, benchmarks, fuzzing,
+#                                 valgrind, static analysis, the package check
+# The clang tools are pinned to version 14 (Debian 12): formatting and the
+# analyser's findings change between releases.
 #   tools/install-deps.sh demo    just what the demo needs
 set -euo pipefail
 
 packages=(cmake ninja-build g++ make)
 if [ "${1:-all}" != demo ]; then
-  packages+=(clang-format libgtest-dev libbenchmark-dev binutils g++-aarch64-linux-gnu qemu-user
+  packages+=(git clang-format-14 clang-tidy-14 clang-14 libclang-rt-14-dev llvm-14 valgrind pkg-config
+             libgtest-dev libbenchmark-dev binutils g++-aarch64-linux-gnu qemu-user
              libboost-graph-dev libassimp-dev assimp-testmodels glmark2-data libmeshoptimizer-dev)
 fi
 

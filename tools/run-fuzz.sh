@@ -11,7 +11,9 @@ cd "$(dirname "$0")/.."
 seconds=${1:-60}
 shift || true
 cmake --preset fuzz >/dev/null
+t0=$SECONDS
 cmake --build --preset fuzz -j"$(nproc)"
+echo "build fuzz: $((SECONDS - t0)) s"
 
 bin=build/fuzz/tests/fuzz
 targets=("$@")
@@ -24,6 +26,8 @@ rm -rf "$seeds"
 
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+symbolizer=/usr/lib/llvm-14/bin/llvm-symbolizer
+[ -x "$symbolizer" ] && export ASAN_SYMBOLIZER_PATH=$symbolizer
 failed=()
 for target in "${targets[@]}"; do
   corpus=build/fuzz/corpus/$target findings=build/fuzz/findings/$target
