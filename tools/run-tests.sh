@@ -35,6 +35,17 @@ bench_smoke() {
   echo "benchmarks: $(grep -c '"run_name"' "$out") runs, no errors"
 }
 
+# Tests that skipped themselves (GTEST_SKIP), each with its reason, from the
+# log of the last ctest run in a build directory.
+report_skips() {
+  local log=build/$1/Testing/Temporary/LastTest.log skips
+  skips=$(awk '/: Skipped$/ { getline reason }
+               /^\[  SKIPPED \] [^ ]+ \(/ { print "  " $4 ": " reason }' "$log" | sort -u)
+  [ -z "$skips" ] && return
+  echo "!!! $1: $(wc -l <<<"$skips") tests SKIPPED:"
+  echo "$skips"
+}
+
 presets=("$@")
 [ ${#presets[@]} -eq 0 ] && presets=(release scalar asan tsan aarch64 fuzz)
 jobs=$(nproc)
@@ -51,6 +62,7 @@ for preset in "${presets[@]}"; do
   t0=$SECONDS
   ctest --preset "$preset" -j"$jobs"
   echo "tests $preset: $((SECONDS - t0)) s"
+  report_skips "$preset"
   if [ "$preset" = release ]; then
     tidy
     bench_smoke
