@@ -2,6 +2,7 @@
 
 #include "common/Simd.h"
 
+#include <memory>
 #include <vector>
 
 namespace common {
@@ -17,6 +18,13 @@ struct Occluder {
     float4 boundsMin; // w = 1
     float4 boundsMax; // w = 1
     std::vector<int4> packedVertices;
+
+    // vertices: four per quad (a count that is not a multiple of four loses
+    // its tail). Zero-area quads are dropped; a last partial batch repeats its
+    // last quad. Components of refMax - refMin may be zero (a flat level): that
+    // axis then packs to 0 and decodes to refMin. The bounds cover the first
+    // 4 * keptQuads input vertices, not the kept list.
+    static std::shared_ptr<Occluder> bake(const std::vector<float4>& vertices, float4 refMin, float4 refMax);
 };
 
 } // namespace common

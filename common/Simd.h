@@ -1157,6 +1157,53 @@ ZELK_INLINE ushort8 narrowSaturate(int4 lo, int4 hi) {
 #endif
 }
 
+// Signed 32-bit lanes taken as unsigned and narrowed to 16 bits with
+// saturation (NEON UQXTN): anything above 65535, negatives included, gives 65535.
+ZELK_INLINE ushort8 narrowSaturateUnsigned(int4 lo, int4 hi) {
+#if defined(ZELK_NEON)
+    return {vcombine_u16(vqmovn_u32(vreinterpretq_u32_s32(lo.v)), vqmovn_u32(vreinterpretq_u32_s32(hi.v)))};
+#elif defined(ZELK_SSE41)
+    // Clamped to 65535 first, the lanes are non-negative and packus keeps them.
+    const __m128i limit = _mm_set1_epi32(0xFFFF);
+    return {_mm_packus_epi32(_mm_min_epu32(lo.v, limit), _mm_min_epu32(hi.v, limit))};
+#else
+    ushort8 r;
+    for (int i = 0; i < 4; ++i) {
+        r.v[i] = uint16_t(uint32_t(lo.v[i]) > 65535u ? 65535u : uint32_t(lo.v[i]));
+        r.v[i + 4] = uint16_t(uint32_t(hi.v[i]) > 65535u ? 65535u : uint32_t(hi.v[i]));
+    }
+    return r;
+#endif
+}
+
+// Lane i holds byte i of m in its upper byte (lower byte zero).
+ZELK_INLINE ushort8 bytesToHighU16(uint64_t m) {
+#if defined(ZELK_NEON)
+    return {vshll_n_u8(vcreate_u8(m), 8)};
+#elif defined(ZELK_SSE41)
+    return {_mm_unpacklo_epi8(_mm_setzero_si128(), _mm_cvtsi64_si128(int64_t(m)))};
+#else
+    ushort8 r;
+    for (int i = 0; i < 8; ++i) r.v[i] = uint16_t(((m >> (8 * i)) & 0xFF) << 8);
+    return r;
+#endif
+}
+
+// Each lane shifted left by N, then every lane whose top bit is set becomes
+// all ones and every other lane zero (arithmetic shift right by 15).
+template <int N> ZELK_INLINE ushort8 topBitAfterShift(ushort8 a) {
+    static_assert(N >= 0 && N < 16, "shift count");
+#if defined(ZELK_NEON)
+    return {vreinterpretq_u16_s16(vshrq_n_s16(vreinterpretq_s16_u16(vshlq_n_u16(a.v, N)), 15))};
+#elif defined(ZELK_SSE41)
+    return {_mm_srai_epi16(_mm_slli_epi16(a.v, N), 15)};
+#else
+    ushort8 r;
+    for (int i = 0; i < 8; ++i) r.v[i] = (uint16_t(a.v[i] << N) & 0x8000) ? 0xFFFF : 0;
+    return r;
+#endif
+}
+
 // Smallest of the eight lanes.
 ZELK_INLINE uint16_t horizontalMin(ushort8 a) {
 #if defined(ZELK_NEON)

@@ -29,13 +29,14 @@ bool ZELKPrivate::release() {
 ZELKPrivate* ZELKPrivate::peek() { return instance; }
 
 ZELKPrivate::ZELKPrivate()
-    : frameInfo(new ZELKFrameInfo()), plainRasterizer(new util::PlainRasterizer()),
-      cacheManager(std::make_shared<common::CacheManager>()) {
+    : frameInfo(new ZELKFrameInfo()), rapidRasterizer(new util::RapidRasterizer()),
+      plainRasterizer(new util::PlainRasterizer()), cacheManager(std::make_shared<common::CacheManager>()) {
     frameInfo->cacheManager = cacheManager;
 }
 
 ZELKPrivate::~ZELKPrivate() {
     cacheManager.reset();
+    rapidRasterizer.reset();
     plainRasterizer.reset();
     frameInfo.reset();
 }
@@ -45,12 +46,14 @@ void ZELKPrivate::resize(uint32_t newWidth, uint32_t newHeight) {
     width = newWidth;
     height = newHeight;
     plainRasterizer->setResolution(width, height);
+    rapidRasterizer->setResolution(width, height);
 }
 
 void ZELKPrivate::setNearPlane(float newNearPlane) {
     if (newNearPlane == nearPlane) return;
     nearPlane = newNearPlane;
     plainRasterizer->setNearPlane(nearPlane);
+    rapidRasterizer->setNearPlane(nearPlane);
 }
 
 void ZELKPrivate::startNewFrame(const float* frameParams, const float* viewProjection) {
@@ -67,10 +70,10 @@ bool ZELKPrivate::submitOccluder(const float* vertices, const uint16_t* indices,
     return frameInfo->submitOccluder(vertices, indices, vertexCount, indexCount, rigidType == RIGID, model);
 }
 
-bool crossesNearPlane(const common::Matrix4x4& viewProjection, float nearPlane, const float* box) {
+NearPlaneSide nearPlaneSide(const common::Matrix4x4& viewProjection, float nearPlane, const float* box) {
     using namespace common;
-    const float4 lo = loadu4(box), hi = loadu4(box + 2);                          // floats 0..3 and 2..5
-    if (!allTrue(cmpEq(lo - lo, zero4()) & cmpEq(hi - hi, zero4()))) return true; // inf or NaN
+    const float4 lo = loadu4(box), hi = loadu4(box + 2); // floats 0..3 and 2..5
+    if (!allTrue(cmpEq(lo - lo, zero4()) & cmpEq(hi - hi, zero4()))) return NearPlaneSide::Crossing; // inf or NaN
     // Clip w of the eight corners, summed in the order the box test uses.
     const float4 xs = make4(box[0], box[3], box[0], box[3]);
     const float4 ys = make4(box[1], box[1], box[4], box[4]);
@@ -79,16 +82,15 @@ bool crossesNearPlane(const common::Matrix4x4& viewProjection, float nearPlane, 
     const float4 wxy = (w0 + wx * xs) + wy * ys;
     const float4 wNear = wxy + wz * splat(box[2]);
     const float4 wFar = wxy + wz * splat(box[5]);
-    // Written as "in front" so that a NaN w or near distance counts as crossing.
     const float4 nearV = splat(nearPlane);
+    if (allTrue(cmpLt(wNear, nearV) & cmpLt(wFar, nearV))) return NearPlaneSide::Nearer;
+    // Written as "in front" so that a NaN w or near distance counts as crossing.
     const int4 inFront = cmpGe(wNear, nearV) & cmpGt(wNear, zero4()) & cmpGe(wFar, nearV) & cmpGt(wFar, zero4());
-    return !allTrue(inFront);
+    return allTrue(inFront) ? NearPlaneSide::Beyond : NearPlaneSide::Crossing;
 }
 
 void ZELKPrivate::renderOccluders() {
-    // Raw meshes: drawn every frame by the masked rasteriser. The cached pass
-    // (quad rasteriser, redrawn only when the frame differs) follows it once
-    // that rasteriser exists; until then no mesh is ever cached.
+    // Raw meshes: drawn every frame by the masked rasteriser.
     for (const common::OccluderRaw& record : frameInfo->rawOccluders) {
         plainRasterizer->setModelViewProjection(frameInfo->viewProjection * record.model);
         // The rasteriser counts in int. 16-bit indices reach at most 65,536
@@ -98,6 +100,20 @@ void ZELKPrivate::renderOccluders() {
         plainRasterizer->render(record.vertices, record.indices, static_cast<int>(usable),
                                 static_cast<int>(indexCount));
         common::checkedIncrement(frameInfo->plainCount);
+    }
+
+    // Cached groups: the rapid buffer from the last redraw stands while the
+    // camera and the cached instances are unchanged.
+    if (!frameInfo->diffFrame()) return;
+    rapidRasterizer->clear();
+    frameInfo->rapidCount = 0;
+    const std::shared_ptr<common::CacheManager> cache = cacheManager;
+    for (const common::OccluderRaw& record : frameInfo->cachedOccluders) {
+        const std::shared_ptr<common::OccluderGroup> group = cache->get(record.vertices, record.indices);
+        if (group == nullptr) continue;
+        rapidRasterizer->setModelViewProjection(frameInfo->viewProjection * record.model);
+        rapidRasterizer->render(group);
+        common::checkedIncrement(frameInfo->rapidCount);
     }
 }
 
@@ -109,14 +125,19 @@ bool ZELKPrivate::batchQuery(const float* boxes, uint32_t count, bool* results) 
     // process; checked once here, the size_t offsets below cannot wrap.
     common::checkedMul<uint32_t>(count, 6);
     const uint32_t plainCount = frameInfo->plainCount;
-    const uint32_t rapidCount = frameInfo->rapidCount; // stays 0 until the quad rasteriser draws
+    const uint32_t rapidCount = frameInfo->rapidCount;
     if (plainCount != 0) plainRasterizer->setModelViewProjection(frameInfo->viewProjection);
+    if (rapidCount != 0) rapidRasterizer->setModelViewProjection(frameInfo->viewProjection);
     for (uint32_t i = 0; i < count; ++i) {
         const float* box = boxes + 6 * size_t(i);
         const auto plainVisible = [&] {
-            return crossesNearPlane(frameInfo->viewProjection, nearPlane, box) || plainRasterizer->query(box, box + 3);
+            switch (nearPlaneSide(frameInfo->viewProjection, nearPlane, box)) {
+            case NearPlaneSide::Nearer: return false;
+            case NearPlaneSide::Crossing: return true;
+            default: return plainRasterizer->query(box, box + 3);
+            }
         };
-        const auto rapidVisible = [] { return true; }; // an empty rapid buffer hides nothing
+        const auto rapidVisible = [&] { return rapidRasterizer->query(box, box + 3); };
         results[i] = combineVisibility(plainCount, rapidCount, plainVisible, rapidVisible);
     }
     return true;

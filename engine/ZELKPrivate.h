@@ -3,6 +3,7 @@
 #include "common/CacheManager.h"
 #include "engine/ZELKFrameInfo.h"
 #include "util/PlainRasterizer.h"
+#include "util/RapidRasterizer.h"
 
 #include <cstdint>
 #include <memory>
@@ -43,6 +44,9 @@ public:
     float getNearPlane() const { return nearPlane; }
     const ZELKFrameInfo& getFrameInfo() const { return *frameInfo; }
     const std::shared_ptr<common::CacheManager>& getCacheManager() const { return cacheManager; }
+    // For tools and tests that look at the depth buffers; not exported.
+    const util::PlainRasterizer& getPlainRasterizer() const { return *plainRasterizer; }
+    const util::RapidRasterizer& getRapidRasterizer() const { return *rapidRasterizer; }
 
 private:
     ZELKPrivate();
@@ -52,6 +56,7 @@ private:
     uint32_t height = 0;
     float nearPlane = 0.0f;
     std::unique_ptr<ZELKFrameInfo> frameInfo;
+    std::unique_ptr<util::RapidRasterizer> rapidRasterizer; // cached groups, redrawn only when the frame differs
     std::unique_ptr<util::PlainRasterizer> plainRasterizer; // raw meshes, cleared every frame
     std::shared_ptr<common::CacheManager> cacheManager;
 };
@@ -68,11 +73,12 @@ bool combineVisibility(uint32_t plainCount, uint32_t rapidCount, PlainQuery&& pl
     return plainVisible() && rapidVisible();
 }
 
-// True when a box (min x, y, z, max x, y, z) reaches in front of the near
-// distance or to or behind the eye (clip w < nearPlane or w <= 0 at a corner),
-// or has a coordinate that is not finite. The masked buffer's box test
-// projects corners through the eye for such boxes, so the engine counts them
-// visible there instead of asking.
-bool crossesNearPlane(const common::Matrix4x4& viewProjection, float nearPlane, const float* box);
+// Where a box (min x, y, z, max x, y, z) lies against the near distance for
+// the masked buffer, whose box test projects corners through the eye: Nearer
+// when every corner has clip w < nearPlane (nothing of it can reach the
+// screen), Crossing when some corner has w < nearPlane or w <= 0 or a
+// coordinate is not finite (NaN w or near distance included), else Beyond.
+enum class NearPlaneSide { Beyond, Crossing, Nearer };
+NearPlaneSide nearPlaneSide(const common::Matrix4x4& viewProjection, float nearPlane, const float* box);
 
 } // namespace ZELK

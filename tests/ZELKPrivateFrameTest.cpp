@@ -1,6 +1,11 @@
 // Whole frames through the exported functions: raw occluders drawn by the
 // masked rasteriser, boxes answered by batch queries.
+#include "common/Occluder.h"
+#include "common/QuadDecomposition.h"
 #include "engine/ZELKPrivate.h"
+#include "support/RapidReference.h"
+#include "support/TestMeshes.h"
+#include "util/Rasterizer.h"
 #include "zelk.h"
 
 #include <gtest/gtest.h>
@@ -88,8 +93,8 @@ TEST_F(FrameFixture, WallHidesWhatIsBehindItOnly) {
     // The model matrix moves the wall: 30 units right, nothing behind it any more.
     const float moved[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 30, 0, 0, 1};
     EXPECT_TRUE(frame({&wall}, boxes, ZELK_NON_RIGID, moved)[0]);
-    // Seen from behind (the camera turned around) the wall is culled as a back face.
-    for (int i : {0, 2, 8, 10}) viewProjection[i] = -viewProjection[i];
+    // Seen from behind (the camera turned around: x and z, w = z) the wall is culled as a back face.
+    for (int i : {0, 10, 11}) viewProjection[i] = -viewProjection[i];
     const std::vector<float> mirrored = {-1, -1, 20, 1, 1, 22};
     EXPECT_TRUE(frame({&wall}, mirrored)[0]);
 }
@@ -99,13 +104,13 @@ TEST_F(FrameFixture, BoxesAroundTheCameraAreVisible) {
     const std::vector<float> boxes = {
         -1, -1, -30, 1, 1, 1,      // from behind the wall to behind the eye
         -1, -1, -30, 1, 1, -0.05f, // in front of the eye but nearer than the near plane
-        3,  3,  5,   4, 4, 6,      // wholly behind the camera
+        3,  3,  5,   4, 4, 6,      // wholly behind the camera: cannot appear
         -1, -1, -30, 1, 1, -20,    // ordinary hidden box
     };
     const std::vector<bool> result = frame({&wall}, boxes);
     EXPECT_TRUE(result[0]);
     EXPECT_TRUE(result[1]);
-    EXPECT_TRUE(result[2]);
+    EXPECT_FALSE(result[2]);
     EXPECT_FALSE(result[3]);
 
     // Boxes whose coordinates are not numbers have no place to be hidden in.
@@ -121,8 +126,11 @@ TEST_F(FrameFixture, ConfigurationChangesKeepAnswersRight) {
     ASSERT_EQ(1, zelkConfig(1920, 1080, 0.1f));
     viewProjection = perspective(1920.0f / 1080.0f, 0.1f, 100.0f);
     EXPECT_EQ(std::vector<bool>({false, true}), frame({&wall}, boxes));
-    // A near plane beyond the box: every box counts as crossing it.
+    // A near plane beyond both boxes (w 20 to 22): nothing of them reaches the
+    // screen; one between them makes the first box cross it.
     ASSERT_EQ(1, zelkConfig(1920, 1080, 25.0f));
+    EXPECT_EQ(std::vector<bool>({false, false}), frame({&wall}, boxes));
+    ASSERT_EQ(1, zelkConfig(1920, 1080, 21.0f));
     EXPECT_EQ(std::vector<bool>({true, true}), frame({&wall}, boxes));
 
     // An engine that was never sized draws nothing and hides nothing.
@@ -163,58 +171,234 @@ TEST_F(FrameFixture, HostGarbageNeverCrashes) {
     }
 }
 
-// Random walls facing the camera and random boxes. Geometry decides the truth:
-// a box is hidden when it lies behind a wall and its silhouette falls inside
-// the wall's. A box the engine hides must be hidden, give or take one pixel of
-// silhouette; boxes well inside and well behind must nearly all be culled.
-TEST_F(FrameFixture, HiddenAnswersAgreeWithGeometry) {
-    const float aspect = float(kWidth) / float(kHeight);
-    const float pixel = 2.0f / float(kHeight); // one pixel in normalised units, the finer axis
-    std::mt19937 rng(7);
-    std::uniform_real_distribution<float> unit(0.0f, 1.0f);
-    int wronglyHidden = 0, clearlyHidden = 0, clearlyHiddenCulled = 0, total = 0;
-    for (int scene = 0; scene < 40; ++scene) {
-        const float depth = 5.0f + 25.0f * unit(rng);
-        const float half = depth * (0.2f + 0.6f * unit(rng));
-        const float cx = depth * (unit(rng) - 0.5f), cy = depth * 0.5f * (unit(rng) - 0.5f);
-        const Wall wall(cx - half, cy - half * 0.7f, cx + half, cy + half * 0.7f, depth);
-        // Silhouette of the wall in normalised coordinates: x / w scaled by the projection.
-        const float wx0 = kFovScale / aspect * wall.x0 / depth, wx1 = kFovScale / aspect * wall.x1 / depth;
-        const float wy0 = kFovScale * wall.y0 / depth, wy1 = kFovScale * wall.y1 / depth;
+namespace {
 
+// The baked group of a mesh at full detail, as the background loader makes it.
+std::shared_ptr<common::OccluderGroup> bakeGroup(const testing_support::Mesh& mesh) {
+    std::vector<common::float4> vertices;
+    for (size_t v = 0; v < mesh.vertices.size(); v += 3)
+        vertices.push_back(common::make4(mesh.vertices[v], mesh.vertices[v + 1], mesh.vertices[v + 2], 1.0f));
+    std::vector<uint32_t> quads =
+        common::QuadDecomposition::decompose(std::vector<uint32_t>(mesh.indices.begin(), mesh.indices.end()), vertices);
+    while (!quads.empty() && quads.size() % 16 != 0) quads.push_back(quads.front());
+    common::float4 lo = common::splat(INFINITY), hi = common::splat(-INFINITY);
+    for (const common::float4& v : vertices) {
+        lo = common::min(lo, v);
+        hi = common::max(hi, v);
+    }
+    std::vector<common::float4> expanded;
+    for (uint32_t q : quads) expanded.push_back(vertices[q]);
+    auto group = std::make_shared<common::OccluderGroup>();
+    group->addOccluder(common::Occluder::bake(expanded, lo, hi), 0);
+    return group;
+}
+
+void cacheMesh(const testing_support::Mesh& mesh) {
+    ZELK::ZELKPrivate::peek()->getCacheManager()->cache(mesh.vertices.data(), mesh.indices.data(), bakeGroup(mesh));
+}
+
+} // namespace
+
+TEST_F(FrameFixture, CachedGroupsAreRedrawnOnlyWhenTheFrameChanges) {
+    // Two walls at depth 10: the left one cached (rapid buffer), the right one raw.
+    const testing_support::Mesh left = testing_support::makeBox(-6, -4, -10.5f, -0.5f, 4, -10);
+    const testing_support::Mesh right = testing_support::makeBox(0.5f, -4, -10.5f, 6, 4, -10);
+    cacheMesh(left);
+    const std::vector<float> boxes = {-3.5f, -1, -22, -2.5f, 1, -20,  // behind the left wall
+                                      2.5f,  -1, -22, 3.5f,  1, -20,  // behind the right wall
+                                      -0.3f, -1, -22, 0.3f,  1, -20}; // in the gap
+    const auto submit = [&](bool withRight) {
+        EXPECT_EQ(1, zelkStartNewFrame(kParams, viewProjection.data()));
+        EXPECT_EQ(1, zelkSubmitOccluder(left.vertices.data(), left.indices.data(), left.vertexCount(),
+                                        left.indexCount(), ZELK_RIGID, kIdentity));
+        if (withRight) {
+            EXPECT_EQ(1, zelkSubmitOccluder(right.vertices.data(), right.indices.data(), right.vertexCount(),
+                                            right.indexCount(), ZELK_NON_RIGID, kIdentity));
+        }
+        EXPECT_EQ(1, zelkRenderOccluders());
+        return query(boxes);
+    };
+    const ZELK::ZELKFrameInfo& info = ZELK::ZELKPrivate::peek()->getFrameInfo();
+    EXPECT_EQ(std::vector<bool>({false, true, true}), submit(false));
+    EXPECT_EQ(1u, info.rapidCount);
+    EXPECT_EQ(0u, info.plainCount);
+    // Both buffers: a box is visible only when both say so.
+    EXPECT_EQ(std::vector<bool>({false, false, true}), submit(true));
+    EXPECT_EQ(1u, info.plainCount);
+
+    // Same camera, same cached records: the rapid buffer is not redrawn. Wiping
+    // it behind the engine's back shows that (the left box then shows), and
+    // rapidCount persists so that it is still asked.
+    util::Rasterizer* rapid = ZELK::ZELKPrivate::peek()->getRapidRasterizer().rasterizer();
+    rapid->clear();
+    EXPECT_EQ(std::vector<bool>({true, false, true}), submit(true));
+    EXPECT_EQ(1u, info.rapidCount);
+    // A changed matrix redraws it.
+    viewProjection[0] *= 1.0001f;
+    EXPECT_EQ(std::vector<bool>({false, false, true}), submit(true));
+    // So does a changed cached list (the same mesh submitted twice).
+    rapid->clear();
+    EXPECT_EQ(1, zelkStartNewFrame(kParams, viewProjection.data()));
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(1, zelkSubmitOccluder(left.vertices.data(), left.indices.data(), left.vertexCount(),
+                                        left.indexCount(), ZELK_RIGID, kIdentity));
+    EXPECT_EQ(1, zelkRenderOccluders());
+    EXPECT_EQ(std::vector<bool>({false, true, true}), query(boxes));
+    EXPECT_EQ(2u, info.rapidCount);
+}
+
+namespace {
+
+using Vec3 = std::array<double, 3>;
+
+Vec3 sub(const Vec3& a, const Vec3& b) { return {a[0] - b[0], a[1] - b[1], a[2] - b[2]}; }
+Vec3 cross(const Vec3& a, const Vec3& b) {
+    return {a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2], a[0] * b[1] - a[1] * b[0]};
+}
+Vec3 normalized(const Vec3& a) {
+    const double l = std::sqrt(a[0] * a[0] + a[1] * a[1] + a[2] * a[2]);
+    return {a[0] / l, a[1] / l, a[2] / l};
+}
+double dot(const Vec3& a, const Vec3& b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
+
+// Column-major view-projection of a camera at eye looking along forward.
+std::vector<float> lookPerspective(const Vec3& eye, const Vec3& forward, double aspect, double zNear, double zFar) {
+    const Vec3 f = normalized(forward);
+    const Vec3 r = normalized(cross(f, {0.3, 1, 0.2})); // a tilted up: clip w depends on every axis
+    const Vec3 u = cross(r, f);
+    const double view[3][4] = {
+        {r[0], r[1], r[2], -dot(r, eye)}, {u[0], u[1], u[2], -dot(u, eye)}, {-f[0], -f[1], -f[2], dot(f, eye)}};
+    const double fy = 1.7320508, fx = fy / aspect;
+    const double a = (zFar + zNear) / (zNear - zFar), b = 2 * zFar * zNear / (zNear - zFar);
+    std::vector<float> m(16);
+    for (int c = 0; c < 4; ++c) {
+        m[size_t(4 * c + 0)] = float(fx * view[0][c]);
+        m[size_t(4 * c + 1)] = float(fy * view[1][c]);
+        m[size_t(4 * c + 2)] = float(a * view[2][c] + (c == 3 ? b : 0.0));
+        m[size_t(4 * c + 3)] = float(-view[2][c]);
+    }
+    return m;
+}
+
+// A box of the given half sizes, rotated about a random axis, as a mesh.
+testing_support::Mesh orientedBox(std::mt19937& rng, const Vec3& centre, const Vec3& half) {
+    std::uniform_real_distribution<double> unit(-1.0, 1.0);
+    testing_support::Mesh mesh = testing_support::makeBox(float(-half[0]), float(-half[1]), float(-half[2]),
+                                                          float(half[0]), float(half[1]), float(half[2]));
+    const Vec3 axis = normalized({unit(rng), unit(rng), unit(rng)});
+    const double angle = 3.14159 * unit(rng), c = std::cos(angle), s = std::sin(angle);
+    for (size_t v = 0; v < mesh.vertices.size(); v += 3) {
+        const Vec3 p = {mesh.vertices[v], mesh.vertices[v + 1], mesh.vertices[v + 2]};
+        const Vec3 k = cross(axis, p);
+        const double d = dot(axis, p) * (1 - c);
+        for (int i = 0; i < 3; ++i)
+            mesh.vertices[v + size_t(i)] =
+                float(p[size_t(i)] * c + k[size_t(i)] * s + axis[size_t(i)] * d + centre[size_t(i)]);
+    }
+    return mesh;
+}
+
+} // namespace
+
+// Random oblique, overlapping occluder meshes (thin walls seen at every
+// angle, some crossing the near plane) and random boxes, from rotated
+// cameras, through each buffer alone and both together. A box that an exact
+// pixel-centre depth buffer sees must never be reported hidden, except where
+// a documented approximation explains it: edges displaced by under 0.75 px
+// (vertex snapping, coverage-table buckets) or the block query's mirrored
+// column selection. Each explanation is counted and printed; so is the share
+// of truly hidden boxes culled, held above a floor.
+TEST_F(FrameFixture, RandomScenesNeverHideWhatAnExactBufferSees) {
+    const double nearPlane = 0.1; // the fixture's engine and projection
+    std::mt19937 rng(2024);
+    std::uniform_real_distribution<double> unit(0.0, 1.0);
+    const char* names[3] = {"raw (masked)", "cached (rapid)", "mixed"};
+    int hidden[3] = {}, culled[3] = {}, approximated[3] = {}, mirrored[3] = {}, wrong[3] = {};
+    for (int scene = 0; scene < 24; ++scene) {
+        std::vector<testing_support::Mesh> meshes;
+        for (int i = 0; i < 7; ++i) {
+            const Vec3 centre = {20 * unit(rng) - 10, 8 * unit(rng) - 4, 20 * unit(rng) - 10};
+            const bool wall = unit(rng) < 0.6;
+            const Vec3 half = {1 + 5 * unit(rng), 1 + 4 * unit(rng), wall ? 0.05 : 1 + 3 * unit(rng)};
+            meshes.push_back(orientedBox(rng, centre, half));
+        }
+        const Vec3 eye = {30 * unit(rng) - 15, 6 * unit(rng) - 3, 24 + 6 * unit(rng)};
+        const Vec3 target = {8 * unit(rng) - 4, 4 * unit(rng) - 2, 8 * unit(rng) - 4};
+        const Vec3 forward = sub(target, eye);
+        // One wall straddling the eye's near plane, seen nearly edge-on.
+        const Vec3 f = normalized(forward);
+        meshes.push_back(
+            orientedBox(rng, {eye[0] + f[0] * 0.5 + 1.5, eye[1] + f[1] * 0.5, eye[2] + f[2] * 0.5}, {0.05, 2, 2}));
+        viewProjection = lookPerspective(eye, forward, double(kWidth) / kHeight, nearPlane, 100);
+
+        testing_support::ExactDepthBuffer exact(kWidth, kHeight), loose(kWidth, kHeight);
+        for (const auto& mesh : meshes)
+            for (size_t t = 0; t + 2 < mesh.indices.size(); t += 3) {
+                std::array<double, 4> c[3];
+                for (int k = 0; k < 3; ++k) {
+                    const float* v = &mesh.vertices[3 * size_t(mesh.indices[t + size_t(k)])];
+                    c[k] = testing_support::transformPoint(viewProjection.data(), v[0], v[1], v[2]);
+                }
+                exact.drawClipTriangle(c[0], c[1], c[2]);
+                loose.drawClipTriangle(c[0], c[1], c[2], 0.75);
+            }
         std::vector<float> boxes;
-        for (int b = 0; b < 64; ++b) {
-            const float z0 = depth * (0.5f + 2.0f * unit(rng)), z1 = z0 + depth * 0.3f * unit(rng);
-            const float bx = (cx + 1.6f * half * (unit(rng) - 0.5f)) * z0 / depth;
-            const float by = (cy + 1.2f * half * (unit(rng) - 0.5f)) * z0 / depth;
-            const float size = 0.05f * z0 * unit(rng);
-            const float box[6] = {bx - size, by - size, -z1, bx + size, by + size, -z0};
+        for (int b = 0; b < 120; ++b) {
+            const double s = 0.05 + 1.5 * unit(rng) * unit(rng);
+            const Vec3 c = {24 * unit(rng) - 12, 10 * unit(rng) - 5, 24 * unit(rng) - 12};
+            const float box[6] = {float(c[0] - s), float(c[1] - s),       float(c[2] - s),
+                                  float(c[0] + s), float(c[1] + s * 0.5), float(c[2] + s)};
             boxes.insert(boxes.end(), box, box + 6);
         }
-        const std::vector<bool> visible = frame({&wall}, boxes);
-        for (size_t b = 0; b < visible.size(); ++b) {
-            const float* box = &boxes[6 * b];
-            // Silhouette over the eight corners.
-            float nx0 = 1e30f, nx1 = -1e30f, ny0 = 1e30f, ny1 = -1e30f;
-            for (int c = 0; c < 8; ++c) {
-                const float x = box[c & 1 ? 3 : 0], y = box[c & 2 ? 4 : 1], z = box[c & 4 ? 5 : 2];
-                const float nx = kFovScale / aspect * x / -z, ny = kFovScale * y / -z;
-                nx0 = std::min(nx0, nx), nx1 = std::max(nx1, nx), ny0 = std::min(ny0, ny), ny1 = std::max(ny1, ny);
+        std::vector<bool> seen(boxes.size() / 6), seenLoosely(boxes.size() / 6);
+        for (size_t b = 0; b < seen.size(); ++b) {
+            seen[b] = testing_support::boxSeen(exact, viewProjection.data(), &boxes[6 * b], 2e-3);
+            seenLoosely[b] = testing_support::boxSeen(loose, viewProjection.data(), &boxes[6 * b], 2e-3);
+        }
+
+        for (int mode = 0; mode < 3; ++mode) {
+            zelkDestroy();
+            ASSERT_EQ(1, zelkInit(kWidth, kHeight, float(nearPlane)));
+            for (size_t i = 0; i < meshes.size(); ++i)
+                if (mode == 1 || (mode == 2 && i % 2 == 0)) cacheMesh(meshes[i]);
+            EXPECT_EQ(1, zelkStartNewFrame(kParams, viewProjection.data()));
+            for (const auto& mesh : meshes)
+                EXPECT_EQ(1, zelkSubmitOccluder(mesh.vertices.data(), mesh.indices.data(), mesh.vertexCount(),
+                                                mesh.indexCount(), ZELK_RIGID, kIdentity));
+            EXPECT_EQ(1, zelkRenderOccluders());
+            const std::vector<bool> visible = query(boxes);
+            for (size_t b = 0; b < seen.size(); ++b) {
+                if (!seen[b]) {
+                    ++hidden[mode];
+                    culled[mode] += !visible[b];
+                } else if (!visible[b]) {
+                    if (!seenLoosely[b]) {
+                        ++approximated[mode];
+                    } else if (mode != 0 && !ZELK::ZELKPrivate::peek()->getRapidRasterizer().query(&boxes[6 * b],
+                                                                                                   &boxes[6 * b + 3])) {
+                        // Hidden by the rapid buffer although no edge lies near: the
+                        // mirrored fine-pass columns must be the cause, as the same rule
+                        // applied to the exact buffer shows.
+                        ++mirrored[mode];
+                        wrong[mode] +=
+                            testing_support::documentedQueryHides(exact, viewProjection.data(), &boxes[6 * b]) ? 0 : 1;
+                    } else {
+                        ++wrong[mode];
+                    }
+                }
             }
-            const float nearest = -box[5];
-            const bool behind = nearest > depth;
-            const bool inside = nx0 >= wx0 - pixel && nx1 <= wx1 + pixel && ny0 >= wy0 - pixel && ny1 <= wy1 + pixel;
-            if (!visible[b] && !(behind && inside)) ++wronglyHidden;
-            // Well inside: a margin of one 8 x 4 block of pixels, and clearly behind.
-            const float mx = 8.0f * 2.0f / float(kWidth), my = 4.0f * pixel;
-            if (nearest > depth * 1.05f && nx0 >= wx0 + mx && nx1 <= wx1 - mx && ny0 >= wy0 + my && ny1 <= wy1 - my) {
-                ++clearlyHidden;
-                if (!visible[b]) ++clearlyHiddenCulled;
-            }
-            ++total;
         }
     }
-    EXPECT_EQ(0, wronglyHidden);
-    EXPECT_GT(clearlyHidden, total / 10);
-    EXPECT_GE(clearlyHiddenCulled * 100, clearlyHidden * 98) << clearlyHiddenCulled << " of " << clearlyHidden;
+    for (int mode = 0; mode < 3; ++mode) {
+        std::printf("%-15s culled %d of %d truly hidden boxes (%.1f%%); seen but hidden: %d within 0.75 px of an "
+                    "edge, %d by the mirrored column rule, %d unexplained\n",
+                    names[mode], culled[mode], hidden[mode], 100.0 * culled[mode] / std::max(1, hidden[mode]),
+                    approximated[mode], mirrored[mode], wrong[mode]);
+        EXPECT_EQ(0, wrong[mode]) << names[mode];
+    }
+    // Measured on x86-64: 85.4%, 93.4% and 89.4% of 1,775 truly hidden boxes.
+    EXPECT_GT(hidden[0], 1500);
+    EXPECT_GE(culled[0], hidden[0] * 82 / 100);
+    EXPECT_GE(culled[1], hidden[1] * 90 / 100);
+    EXPECT_GE(culled[2], hidden[2] * 86 / 100);
 }

@@ -157,7 +157,8 @@ TEST(CombineVisibility, AsksTheFullerBufferFirstAndAndsTheAnswers) {
     EXPECT_TRUE(ask(2, 5, true, true));
 }
 
-TEST(NearPlaneGuard, BoxesReachingTheEyeAreFlagged) {
+TEST(NearPlaneGuard, BoxesAreSortedAgainstTheNearDistance) {
+    using Side = ZELK::NearPlaneSide;
     // The host's usual perspective: looking down -z, so clip w = -z.
     const float vp[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, -1.002f, -1, 0, 0, -0.2002f, 0};
     const common::Matrix4x4 m = common::Matrix4x4::fromColumnMajor(vp);
@@ -165,30 +166,34 @@ TEST(NearPlaneGuard, BoxesReachingTheEyeAreFlagged) {
     struct Case {
         float box[6];
         float nearPlane;
-        bool crosses;
+        Side side;
     };
     const Case cases[] = {
-        {{-1, -1, -5, 1, 1, -4}, 0.1f, false},         // w in [4, 5]
-        {{-1, -1, -5, 1, 1, 1}, 0.1f, true},           // reaches behind the eye
-        {{-1, -1, -5, 1, 1, -0.05f}, 0.1f, true},      // in front of the eye, nearer than 0.1
-        {{-1, -1, -5, 1, 1, -0.1f}, 0.1f, false},      // exactly at the near distance
-        {{-1, -1, -5, 1, 1, 0}, 0.0f, true},           // touches the eye: w = 0
-        {{-1, -1, 2, 1, 1, 3}, 0.1f, true},            // wholly behind
-        {{-1e30f, -1, -5, 1e30f, 1, -4}, 0.1f, false}, // huge but in front
-        {{-1, -1, -5, 1, 1, -4}, nan, true},           // no usable near distance
-        {{nan, -1, -5, 1, 1, -4}, 0.1f, true},
-        {{-1, -1, -5, 1, inf, -4}, 0.1f, true},
-        {{-1, -1, -inf, 1, 1, -4}, 0.1f, true},
+        {{-1, -1, -5, 1, 1, -4}, 0.1f, Side::Beyond},          // w in [4, 5]
+        {{-1, -1, -5, 1, 1, 1}, 0.1f, Side::Crossing},         // reaches behind the eye
+        {{-1, -1, -5, 1, 1, -0.05f}, 0.1f, Side::Crossing},    // in front of the eye, nearer than 0.1
+        {{-1, -1, -5, 1, 1, -0.1f}, 0.1f, Side::Beyond},       // exactly at the near distance
+        {{-1, -1, -5, 1, 1, 0}, 0.0f, Side::Crossing},         // touches the eye: w = 0
+        {{-1, -1, 2, 1, 1, 3}, 0.1f, Side::Nearer},            // wholly behind the eye
+        {{-1, -1, -0.09f, 1, 1, -0.01f}, 0.1f, Side::Nearer},  // between the eye and the near distance
+        {{-1, -1, -0.1f, 1, 1, -0.01f}, 0.1f, Side::Crossing}, // its far face at the near distance
+        {{-1e30f, -1, -5, 1e30f, 1, -4}, 0.1f, Side::Beyond},  // huge but in front
+        {{-1, -1, -5, 1, 1, -4}, nan, Side::Crossing},         // no usable near distance
+        {{-1, -1, 2, 1, 1, 3}, nan, Side::Crossing},
+        {{nan, -1, -5, 1, 1, -4}, 0.1f, Side::Crossing},
+        {{-1, -1, -5, 1, inf, -4}, 0.1f, Side::Crossing},
+        {{-1, -1, -inf, 1, 1, -4}, 0.1f, Side::Crossing},
     };
     for (const Case& c : cases)
-        EXPECT_EQ(c.crosses, ZELK::crossesNearPlane(m, c.nearPlane, c.box))
+        EXPECT_EQ(int(c.side), int(ZELK::nearPlaneSide(m, c.nearPlane, c.box)))
             << c.box[0] << " " << c.box[2] << " " << c.box[5] << " near " << c.nearPlane;
 
     // A camera translated along x and looking down +x: w = x - 10.
     const float side[16] = {0, 0, 0, 1, 0, 1, 0, 0, 1, 0, 0, 0, 0, 0, 0, -10};
     const common::Matrix4x4 s = common::Matrix4x4::fromColumnMajor(side);
     const float ahead[6] = {12, -1, -1, 13, 1, 1}, around[6] = {9, -1, -1, 13, 1, 1};
-    EXPECT_FALSE(ZELK::crossesNearPlane(s, 1.0f, ahead));
-    EXPECT_TRUE(ZELK::crossesNearPlane(s, 1.0f, around));
-    EXPECT_TRUE(ZELK::crossesNearPlane(s, 2.5f, ahead)); // w = 2 at the nearer face
+    EXPECT_EQ(int(Side::Beyond), int(ZELK::nearPlaneSide(s, 1.0f, ahead)));
+    EXPECT_EQ(int(Side::Crossing), int(ZELK::nearPlaneSide(s, 1.0f, around)));
+    EXPECT_EQ(int(Side::Crossing), int(ZELK::nearPlaneSide(s, 2.5f, ahead))); // w = 2 at the nearer face
+    EXPECT_EQ(int(Side::Nearer), int(ZELK::nearPlaneSide(s, 3.5f, ahead)));   // w = 3 at the farther face
 }

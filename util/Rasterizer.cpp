@@ -1,0 +1,588 @@
+#include "util/Rasterizer.h"
+
+#include "common/Checked.h"
+
+#include <cmath>
+#include <cstring>
+
+namespace util {
+
+using namespace common;
+
+extern const uint64_t kRasterizationTable[Rasterizer::kTableSize];
+
+namespace {
+
+constexpr uint32_t kDepthScaleBits = 0x0F7FF000; // s = (1 - 2^-12) * 2^-96
+constexpr uint32_t kDecompressBits = 0x6F000800; // 2^95 * (1 + 2^-12)
+constexpr uint32_t kMinimumWBits = 0x00200000;   // keeps 1/w finite and positive
+
+float depthScale() { return simd_detail::bitsFloat(kDepthScaleBits); }
+
+int4 isFinite(float4 a) { return cmpEq(a - a, zero4()); }
+
+// Two bits per lane for the first n lanes (n in 1..8).
+unsigned runMask(unsigned n) { return n >= 8 ? 0xFFFFu : (1u << (2 * n)) - 1u; }
+
+// Lane i all ones where bit (8i + 7 - r) of the coverage mask is set: row r
+// of the block, one lane per pixel column.
+ushort8 rowLanes(ushort8 highBytes, int r) {
+    switch (r) {
+    case 0: return topBitAfterShift<0>(highBytes);
+    case 1: return topBitAfterShift<1>(highBytes);
+    case 2: return topBitAfterShift<2>(highBytes);
+    case 3: return topBitAfterShift<3>(highBytes);
+    case 4: return topBitAfterShift<4>(highBytes);
+    case 5: return topBitAfterShift<5>(highBytes);
+    case 6: return topBitAfterShift<6>(highBytes);
+    default: return topBitAfterShift<7>(highBytes);
+    }
+}
+
+// Sign of p on the magnitude of e.
+float4 copySign(float4 e, float4 p) {
+    const int4 sign = splatInt(int32_t(0x80000000u));
+    return asFloat(andNot(asInt(e), sign) | (asInt(p) & sign));
+}
+
+// True when any lane is negative (sign bit set, -0 included) and not NaN:
+// the box lies wholly outside that plane.
+bool outsideAnyPlane(const float4 planes[4], float4 c2x, float4 c2y, float4 c2z, float4 ex, float4 ey, float4 ez) {
+    const float4 v = planes[0] * (c2x + copySign(ex, planes[0])) + planes[1] * (c2y + copySign(ey, planes[1])) +
+                     planes[2] * (c2z + copySign(ez, planes[2])) + planes[3] * splat(2.0f);
+    return signMask(andNot(asInt(v), isNaN(v))) != 0;
+}
+
+} // namespace
+
+// Per-batch set-up of four screen-space quads, one lane per quad.
+struct Rasterizer::ScreenBatch {
+    float4 x[4], y[4], d[4]; // corner k: pixels (y up) and premultiplied depth
+    int4 valid;
+};
+
+// One quad's set-up, read by the block loop.
+struct Rasterizer::QuadSetup {
+    float4 base, incX, incY; // the four edges' offsets in table units: block (0,0), per block x, per block y
+    int4 slope;              // the four edges' table rows (slope row << 7 | sign of b)
+    uint64_t force[4];       // all ones for a degenerate edge (it excludes nothing)
+    float diagBase, diagIncX, diagIncY;
+    int diagSlope;
+    uint64_t diagForce;
+    bool split;
+    float depthOrigin, depthDx, depthDy, depthMax; // premultiplied depth plane in pixels
+    uint16_t code;                                 // code of the nearest corner
+    int bx0, bx1, by0, by1;
+};
+
+namespace {
+
+struct EdgeLanes {
+    float4 base, incX, incY;
+    int4 slope, degenerate;
+};
+
+// Edge from (x0, y0) to (x1, y1) in pixels, four quads at once. Inside is the
+// right of the edge's direction (y up), the interior of a clockwise quad.
+EdgeLanes setupEdge(float4 x0, float4 y0, float4 x1, float4 y1) {
+    const float4 eighth = splat(0.125f);
+    const float4 px = x0 * eighth, py = y0 * eighth;
+    const float4 dx = (x1 - x0) * eighth, dy = (y1 - y0) * eighth;
+    float4 a = -dy, b = dx;
+    float4 c = dy * px - dx * py;
+    const int4 degenerate = cmpEq(abs(a) + abs(b), zero4());
+    float4 inv;
+    Rasterizer::normalizeEdge(a, b, inv);
+    c = c * inv;
+    a = select(degenerate, zero4(), a);
+    b = select(degenerate, zero4(), b);
+    EdgeLanes e;
+    const float4 seventy = splat(70.0f), half = splat(0.5f);
+    e.base = select(degenerate, splat(-1.0e6f), seventy * ((a * half + b * half) + c) + splat(32.0f));
+    e.incX = seventy * a;
+    e.incY = seventy * b;
+    e.slope = Rasterizer::quantizeSlopeLookup(a, b);
+    e.degenerate = degenerate;
+    return e;
+}
+
+} // namespace
+
+Rasterizer::Rasterizer() : localToClip(new RasterizerLocalToClip()) {
+    rasterizationTable.assign(kRasterizationTable, kRasterizationTable + kTableSize);
+    for (auto& group : planeLanes)
+        for (float4& v : group) v = zero4();
+}
+
+Rasterizer::~Rasterizer() { delete localToClip; }
+
+const uint64_t* Rasterizer::storedRasterizationTable() { return kRasterizationTable; }
+
+void Rasterizer::setResolution(unsigned newWidth, unsigned newHeight) {
+    width = newWidth;
+    height = newHeight;
+    blocksX = width >> 3;
+    blocksY = height >> 3;
+    const uint32_t pixels = checkedMul<uint32_t>(width, height);
+    depthBuffer.resize(pixels >> 3, splatU16(0));
+    blockDepth.resize(size_t(blocksX) * blocksY + 8, 0);
+}
+
+void Rasterizer::clear() {
+    std::fill(depthBuffer.begin(), depthBuffer.end(), splatU16(0));
+    std::fill(blockDepth.begin(), blockDepth.end(), uint16_t(0));
+}
+
+void Rasterizer::setModelViewProjection(const Matrix4x4& m) {
+    RasterizerLocalToClip& t = *localToClip;
+    float4 r0 = m.columns[0], r1 = m.columns[1], r2 = m.columns[2], r3 = m.columns[3];
+    transpose(r0, r1, r2, r3); // columns to rows
+    t.clipRows[0] = r0;
+    t.clipRows[1] = r1;
+    t.clipRows[2] = r2;
+    t.clipRows[3] = r3;
+    float4 sx = (r0 + r3) * splat(float(width) * 0.5f);
+    float4 sy = (r1 + r3) * splat(float(height) * 0.5f);
+    float4 sz = (r3 - r2) * splat(depthScale());
+    float4 sw = r3;
+    transpose(sx, sy, sz, sw); // rows to columns
+    t.screenColumns[0] = sx;
+    t.screenColumns[1] = sy;
+    t.screenColumns[2] = sz;
+    t.screenColumns[3] = sw;
+    t.calcFrustum();
+    for (int g = 0; g < 2; ++g) {
+        float4 p0 = t.frustumPlanes[4 * g], p1 = t.frustumPlanes[4 * g + 1];
+        float4 p2 = g == 0 ? t.frustumPlanes[2] : p0, p3 = g == 0 ? t.frustumPlanes[3] : p1;
+        transpose(p0, p1, p2, p3);
+        planeLanes[g][0] = p0;
+        planeLanes[g][1] = p1;
+        planeLanes[g][2] = p2;
+        planeLanes[g][3] = p3;
+    }
+}
+
+uint16_t Rasterizer::pixelDepth(unsigned x, unsigned y) const {
+    const size_t block = size_t(y >> 3) * blocksX + (x >> 3);
+    alignas(16) uint16_t row[8];
+    storeU16(row, depthBuffer[8 * block + (y & 7)]);
+    return row[x & 7];
+}
+
+ushort8 Rasterizer::packDepthPremultiplied(float4 d) {
+    const int4 c = shiftRightArithmetic<12>(asInt(d));
+    return narrowSaturateUnsigned(c, c);
+}
+
+ushort8 Rasterizer::packDepthPremultiplied(float4 d0, float4 d1) {
+    return narrowSaturateUnsigned(shiftRightArithmetic<12>(asInt(d0)), shiftRightArithmetic<12>(asInt(d1)));
+}
+
+float Rasterizer::decompressFloat(unsigned short code) {
+    return simd_detail::bitsFloat(uint32_t(code) << 12) * simd_detail::bitsFloat(kDecompressBits);
+}
+
+void Rasterizer::normalizeEdge(float4& a, float4& b, float4& inv) {
+    inv = rcp(abs(a) + abs(b));
+    a = a * inv;
+    b = b * inv;
+}
+
+int4 Rasterizer::quantizeSlopeLookup(float4 a, float4 b) {
+    const int4 row = truncToInt(splat(16.0f) + splat(15.5f) * a);
+    return shiftLeft<7>(row) + (cmpLt(b, zero4()) & splatInt(64));
+}
+
+int Rasterizer::quantizeOffsetLookup(float c) {
+    const int4 column = truncToInt(splat(70.0f) * splat(c) + splat(32.0f));
+    return lane<0>(min(max(column, splatInt(0)), splatInt(63)));
+}
+
+void Rasterizer::precomputeRasterizationTable() {
+    rasterizationTable.resize(kTableSize, 0);
+    precomputeRasterizationTableInto(rasterizationTable);
+}
+
+void Rasterizer::precomputeRasterizationTableInto(std::vector<uint64_t>& table) {
+    if (table.size() < kTableSize) return;
+    for (int i = 0; i < 2000; ++i) {
+        const float theta = float(i) * 6.4f / 1999.0f - 0.1f;
+        const float c = std::cos(theta), s = std::sin(theta);
+        const float a = c / (std::fabs(c) + std::fabs(s)), b = s / (std::fabs(c) + std::fabs(s));
+        const int row = int(16.0f + 15.5f * a);
+        const size_t rowBase = size_t(row) * 128 + (b < 0.0f ? 64 : 0);
+        for (int j = 0; j < 2000; ++j) {
+            const float o = float(j) * 1.2f / 1999.0f - 0.6f;
+            const int column = std::min(std::max(int(70.0f * o + 32.0f), 0), 63);
+            uint64_t mask = 0;
+            for (int col = 0; col < 8; ++col)
+                for (int r = 0; r < 8; ++r)
+                    if (o + a * (-0.4375f + 0.125f * float(col)) + b * (-0.4375f + 0.125f * float(r)) <= 0.0f)
+                        mask |= uint64_t(1) << (8 * col + 7 - r);
+            table[rowBase + size_t(column)] |= mask;
+        }
+    }
+}
+
+template <bool possiblyNearClipped> void Rasterizer::rasterize(const Occluder& occluder) {
+    if (occluder.packedVertices.empty() || blocksX == 0 || blocksY == 0) return;
+    const RasterizerLocalToClip& t = *localToClip;
+    // The decode transform: dequantisation folded into the screen matrix.
+    const float4 range = occluder.refMax - occluder.refMin;
+    const float4 col0 = t.screenColumns[0] * splat(lane<0>(range) / 2047.0f);
+    const float4 col1 = t.screenColumns[1] * splat(lane<1>(range) / 2047.0f);
+    const float4 col2 = t.screenColumns[2] * splat(lane<2>(range) / 1023.0f);
+    const float4 col3 = t.screenColumns[0] * splatLane<0>(occluder.refMin) +
+                        t.screenColumns[1] * splatLane<1>(occluder.refMin) +
+                        t.screenColumns[2] * splatLane<2>(occluder.refMin) + t.screenColumns[3];
+    const float4 m[4][4] = {
+        {splatLane<0>(col0), splatLane<0>(col1), splatLane<0>(col2), splatLane<0>(col3)},
+        {splatLane<1>(col0), splatLane<1>(col1), splatLane<1>(col2), splatLane<1>(col3)},
+        {splatLane<2>(col0), splatLane<2>(col1), splatLane<2>(col2), splatLane<2>(col3)},
+        {splatLane<3>(col0), splatLane<3>(col1), splatLane<3>(col2), splatLane<3>(col3)},
+    };
+    const float4 twoS = splat(2.0f * depthScale());
+    const float4 minW = splat(simd_detail::bitsFloat(kMinimumWBits));
+
+    // Quads that cross the near plane are clipped one by one and drawn in
+    // batches of their own; a clipped quad may become two.
+    alignas(16) float pending[3][4][4]; // component, corner, lane
+    int pendingCount = 0;
+    const auto flushPending = [&]() {
+        if (pendingCount == 0) return;
+        ScreenBatch batch;
+        for (int k = 0; k < 4; ++k) {
+            batch.x[k] = load4(pending[0][k]);
+            batch.y[k] = load4(pending[1][k]);
+            batch.d[k] = load4(pending[2][k]);
+        }
+        batch.valid = maskFromBits((1u << pendingCount) - 1u);
+        drawBatch(batch);
+        pendingCount = 0;
+    };
+    const auto emit = [&](const float(*v)[3], int a, int b, int c, int d) {
+        const int corners[4] = {a, b, c, d};
+        for (int k = 0; k < 4; ++k)
+            for (int comp = 0; comp < 3; ++comp) pending[comp][k][pendingCount] = v[corners[k]][comp];
+        if (++pendingCount == 4) flushPending();
+    };
+
+    const size_t batches = occluder.packedVertices.size() / 4;
+    for (size_t b = 0; b < batches; ++b) {
+        float4 h[4][4]; // component (x*w, y*w, D*w, w), corner
+        int4 inFront = splatInt(-1);
+        for (int k = 0; k < 4; ++k) {
+            const int4 word = occluder.packedVertices[4 * b + size_t(k)];
+            const float4 qx = toFloat(shiftRightLogical<21>(word));
+            const float4 qy = toFloat(shiftRightLogical<10>(word) & splatInt(2047));
+            const float4 qz = toFloat(word & splatInt(1023));
+            for (int c = 0; c < 4; ++c) h[c][k] = ((qx * m[c][0] + qy * m[c][1]) + qz * m[c][2]) + m[c][3];
+            // Behind the near plane (w + z >= 0, that is 2 s w >= D w) and w > 0.
+            inFront = inFront & cmpGe(twoS * h[3][k], h[2][k]) & cmpGt(h[3][k], zero4());
+        }
+        ScreenBatch batch;
+        for (int k = 0; k < 4; ++k) {
+            // For lanes in front the clamp changes nothing; it keeps the others' reciprocals finite.
+            const float4 w = possiblyNearClipped ? max(abs(h[3][k]), minW) : h[3][k];
+            const float4 r = rcp(w);
+            batch.x[k] = h[0][k] * r;
+            batch.y[k] = h[1][k] * r;
+            batch.d[k] = h[2][k] * r;
+        }
+        batch.valid = inFront;
+        const unsigned direct = signMask(inFront);
+        if (direct != 0) drawBatch(batch);
+        if (direct == 0xF) continue;
+
+        alignas(16) float lanes[4][4][4]; // component, corner, lane
+        for (int c = 0; c < 4; ++c)
+            for (int k = 0; k < 4; ++k) store4(lanes[c][k], h[c][k]);
+        for (int j = 0; j < 4; ++j) {
+            if (direct & (1u << j)) continue;
+            // Sutherland-Hodgman against the near plane in homogeneous space.
+            float out[5][4];
+            int n = 0;
+            for (int k = 0; k < 4; ++k) {
+                const int k1 = (k + 1) & 3;
+                const float a[4] = {lanes[0][k][j], lanes[1][k][j], lanes[2][k][j], lanes[3][k][j]};
+                const float b1[4] = {lanes[0][k1][j], lanes[1][k1][j], lanes[2][k1][j], lanes[3][k1][j]};
+                const float da = 2.0f * depthScale() * a[3] - a[2], db = 2.0f * depthScale() * b1[3] - b1[2];
+                if (da >= 0.0f) std::memcpy(out[n++], a, sizeof(a));
+                if ((da >= 0.0f) != (db >= 0.0f)) {
+                    const float s = da / (da - db);
+                    for (int c = 0; c < 4; ++c) out[n][c] = a[c] + s * (b1[c] - a[c]);
+                    ++n;
+                }
+            }
+            if (n < 3) continue;
+            float v[5][3];
+            bool usable = true;
+            for (int i = 0; i < n; ++i) {
+                const float w = out[i][3];
+                usable = usable && w > 0.0f && std::isfinite(out[i][0]) && std::isfinite(out[i][1]) &&
+                         std::isfinite(out[i][2]) && std::isfinite(w);
+                for (int c = 0; c < 3; ++c) v[i][c] = out[i][c] / w;
+            }
+            if (!usable) continue;
+            if (n == 3) emit(v, 0, 1, 2, 2);
+            if (n >= 4) emit(v, 0, 1, 2, 3);
+            if (n == 5) emit(v, 0, 3, 4, 4);
+        }
+    }
+    flushPending();
+}
+
+template void Rasterizer::rasterize<false>(const Occluder&);
+template void Rasterizer::rasterize<true>(const Occluder&);
+
+void Rasterizer::drawBatch(const ScreenBatch& q) {
+    const float4 *x = q.x, *y = q.y, *d = q.d;
+    // Twice the signed area; clockwise (negative) quads face the camera.
+    const float4 ex1 = x[1] - x[0], ey1 = y[1] - y[0], ex2 = x[2] - x[0], ey2 = y[2] - y[0];
+    const float4 ex3 = x[3] - x[0], ey3 = y[3] - y[0];
+    const float4 area012 = ex1 * ey2 - ey1 * ex2, area023 = ex2 * ey3 - ey2 * ex3;
+    const int4 front = cmpLt(area012 + area023, zero4());
+    // A corner turning the other way (or a collinear one, -0) makes the quad two triangles.
+    int4 turnSigns = splatInt(0);
+    for (int k = 0; k < 4; ++k) {
+        const int kp = (k + 3) & 3, kn = (k + 1) & 3;
+        const float4 turn =
+            (y[k] - y[kp]) * (x[kn] - x[k]) - (x[k] - x[kp]) * (y[kn] - y[k]); // positive when convex clockwise
+        turnSigns = turnSigns | asInt(turn);
+    }
+    const unsigned split = signMask(turnSigns);
+
+    EdgeLanes edges[4];
+    for (int k = 0; k < 4; ++k) edges[k] = setupEdge(x[k], y[k], x[(k + 1) & 3], y[(k + 1) & 3]);
+    const EdgeLanes diag = setupEdge(x[2], y[2], x[0], y[0]);
+
+    // Depth plane through the larger of the two triangles (c0 c1 c2) and
+    // (c0 c2 c3), lowered until the remaining corner is not nearer than it,
+    // so that the plane never lies in front of either triangle.
+    const int4 useFirst = cmpGe(abs(area012), abs(area023));
+    const float4 x1 = select(useFirst, x[1], x[2]), y1 = select(useFirst, y[1], y[2]);
+    const float4 x2 = select(useFirst, x[2], x[3]), y2 = select(useFirst, y[2], y[3]);
+    const float4 d1 = select(useFirst, d[1], d[2]), d2 = select(useFirst, d[2], d[3]);
+    const float4 xr = select(useFirst, x[3], x[1]), yr = select(useFirst, y[3], y[1]);
+    const float4 dr = select(useFirst, d[3], d[1]);
+    const float4 ux = x1 - x[0], uy = y1 - y[0], vx = x2 - x[0], vy = y2 - y[0];
+    const float4 du = d1 - d[0], dv = d2 - d[0];
+    const float4 area = select(useFirst, area012, area023);
+    const float4 depthDx = (du * vy - dv * uy) / area;
+    const float4 depthDy = (dv * ux - du * vx) / area;
+    float4 origin = d[0] - depthDx * x[0] - depthDy * y[0];
+    const float4 atRest = origin + depthDx * xr + depthDy * yr;
+    origin = origin - max(atRest - dr, zero4());
+    // Lowered a little more to cover rounding in the per-pixel evaluation.
+    const float4 spread = abs(origin) + abs(depthDx) * splat(float(width)) + abs(depthDy) * splat(float(height));
+    origin = origin - spread * splat(1.0f / 1048576.0f);
+    const float4 depthMax = max(max(d[0], d[1]), max(d[2], d[3]));
+
+    const float4 minX = min(min(x[0], x[1]), min(x[2], x[3])), maxX = max(max(x[0], x[1]), max(x[2], x[3]));
+    const float4 minY = min(min(y[0], y[1]), min(y[2], y[3])), maxY = max(max(y[0], y[1]), max(y[2], y[3]));
+    const float4 w = splat(float(width)), hgt = splat(float(height));
+    const int4 onScreen = cmpGe(maxX, zero4()) & cmpLt(minX, w) & cmpGe(maxY, zero4()) & cmpLt(minY, hgt);
+    int4 finite = isFinite(origin) & isFinite(depthDx) & isFinite(depthDy) & isFinite(depthMax);
+    for (int k = 0; k < 4; ++k)
+        finite = finite & (isFinite(edges[k].base) & isFinite(edges[k].incX) & isFinite(edges[k].incY));
+    const unsigned drawn = signMask(q.valid & front & onScreen & finite);
+    if (drawn == 0) return;
+
+    const float4 eighth = splat(0.125f);
+    const int4 bx0 = truncToInt(max(minX, zero4()) * eighth), bx1 = truncToInt(min(maxX, w - splat(1.0f)) * eighth);
+    const int4 by0 = truncToInt(max(minY, zero4()) * eighth), by1 = truncToInt(min(maxY, hgt - splat(1.0f)) * eighth);
+    alignas(16) uint16_t codes[8];
+    storeU16(codes, packDepthPremultiplied(depthMax));
+
+    // Lanes per quad: transpose edge-major vectors to quad-major ones.
+    float4 base[4] = {edges[0].base, edges[1].base, edges[2].base, edges[3].base};
+    float4 incX[4] = {edges[0].incX, edges[1].incX, edges[2].incX, edges[3].incX};
+    float4 incY[4] = {edges[0].incY, edges[1].incY, edges[2].incY, edges[3].incY};
+    float4 slope[4] = {asFloat(edges[0].slope), asFloat(edges[1].slope), asFloat(edges[2].slope),
+                       asFloat(edges[3].slope)};
+    transpose(base[0], base[1], base[2], base[3]);
+    transpose(incX[0], incX[1], incX[2], incX[3]);
+    transpose(incY[0], incY[1], incY[2], incY[3]);
+    transpose(slope[0], slope[1], slope[2], slope[3]);
+
+    for (int j = 0; j < 4; ++j) {
+        if (!(drawn & (1u << j))) continue;
+        QuadSetup s;
+        s.base = base[j];
+        s.incX = incX[j];
+        s.incY = incY[j];
+        s.slope = asInt(slope[j]);
+        for (int k = 0; k < 4; ++k) s.force[k] = lane(edges[k].degenerate, j) ? ~uint64_t(0) : 0;
+        s.split = (split >> j) & 1u;
+        s.diagBase = lane(diag.base, j);
+        s.diagIncX = lane(diag.incX, j);
+        s.diagIncY = lane(diag.incY, j);
+        s.diagSlope = lane(diag.slope, j);
+        s.diagForce = lane(diag.degenerate, j) ? ~uint64_t(0) : 0;
+        s.depthOrigin = lane(origin, j);
+        s.depthDx = lane(depthDx, j);
+        s.depthDy = lane(depthDy, j);
+        s.depthMax = lane(depthMax, j);
+        s.code = codes[j];
+        s.bx0 = lane(bx0, j);
+        s.bx1 = lane(bx1, j);
+        s.by0 = lane(by0, j);
+        s.by1 = lane(by1, j);
+        drawQuad(s);
+    }
+}
+
+void Rasterizer::drawQuad(const QuadSetup& s) {
+    const uint64_t* table = rasterizationTable.data();
+    const ushort8 code = splatU16(s.code);
+    const float4 laneLo = make4(0.5f, 1.5f, 2.5f, 3.5f) * splat(s.depthDx);
+    const float4 laneHi = make4(4.5f, 5.5f, 6.5f, 7.5f) * splat(s.depthDx);
+    const float4 rowStep = splat(s.depthDy), depthMax = splat(s.depthMax);
+    const float4 sixtyThree = splat(63.0f);
+    for (int by = s.by0; by <= s.by1; ++by) {
+        const float4 rowBase = s.base + s.incY * splat(float(by));
+        const float diagRow = s.diagBase + s.diagIncY * float(by);
+        const size_t rowStart = size_t(by) * blocksX;
+        for (int run = s.bx0; run <= s.bx1; run += 8) {
+            // Blocks already at least as near as the quad's nearest corner are skipped unseen.
+            const ushort8 depths = loaduU16(&blockDepth[rowStart + size_t(run)]);
+            unsigned open = ~byteMask(cmpGe(depths, code)) & runMask(unsigned(s.bx1 - run + 1));
+            while (open != 0) {
+                const int i = __builtin_ctz(open) >> 1;
+                open &= ~(3u << (2 * i));
+                const int bx = run + i;
+                const float4 offsets = rowBase + s.incX * splat(float(bx));
+                if (!s.split && anyTrue(cmpGe(offsets, sixtyThree))) continue; // wholly outside an edge
+                const int4 index = s.slope + min(max(truncToInt(offsets), splatInt(0)), splatInt(63));
+                const uint64_t e0 = table[lane<0>(index)] | s.force[0], e1 = table[lane<1>(index)] | s.force[1];
+                const uint64_t e2 = table[lane<2>(index)] | s.force[2], e3 = table[lane<3>(index)] | s.force[3];
+                uint64_t mask;
+                if (!s.split) {
+                    mask = e0 & e1 & e2 & e3;
+                } else {
+                    const float diagOffset = diagRow + s.diagIncX * float(bx);
+                    const int column = lane<0>(min(max(truncToInt(splat(diagOffset)), splatInt(0)), splatInt(63)));
+                    const uint64_t diag = table[s.diagSlope + column] | s.diagForce;
+                    mask = (e0 & e1 & diag) | (e2 & e3 & ~diag);
+                }
+                if (mask == 0) continue;
+
+                const size_t block = rowStart + size_t(bx);
+                ushort8* rows = &depthBuffer[8 * block];
+                const float corner = s.depthOrigin + s.depthDx * float(8 * bx) + s.depthDy * float(8 * by);
+                float4 lo = splat(corner) + (laneLo + rowStep * splat(0.5f));
+                float4 hi = splat(corner) + (laneHi + rowStep * splat(0.5f));
+                ushort8 farthest = splatU16(0xFFFF);
+                const bool full = mask == ~uint64_t(0);
+                const ushort8 highBytes = bytesToHighU16(mask);
+                for (int r = 0; r < 8; ++r) {
+                    // Never nearer than the quad's nearest corner; never negative (that packs as nearest).
+                    ushort8 codes =
+                        packDepthPremultiplied(max(min(lo, depthMax), zero4()), max(min(hi, depthMax), zero4()));
+                    if (!full) codes = codes & rowLanes(highBytes, r);
+                    rows[r] = max(rows[r], codes);
+                    farthest = min(farthest, rows[r]);
+                    lo = lo + rowStep;
+                    hi = hi + rowStep;
+                }
+                blockDepth[block] = horizontalMin(farthest);
+            }
+        }
+    }
+}
+
+bool Rasterizer::queryVisibility(float4 boundsMin, float4 boundsMax, bool& needsClipping, float& screenFraction) const {
+    // A box with a non-finite corner gives no reliable answer: visible.
+    if (!allTrue(isFinite(boundsMin) & isFinite(boundsMax))) return true;
+    const float4 c2 = boundsMin + boundsMax, e = boundsMax - boundsMin;
+    const float4 c2x = splatLane<0>(c2), c2y = splatLane<1>(c2), c2z = splatLane<2>(c2);
+    const float4 ex = splatLane<0>(e), ey = splatLane<1>(e), ez = splatLane<2>(e);
+    if (outsideAnyPlane(planeLanes[0], c2x, c2y, c2z, ex, ey, ez)) return false;
+    if (outsideAnyPlane(planeLanes[1], c2x, c2y, c2z, ex, ey, ez)) return false;
+
+    // The eight corners: x alternates fastest, then y; z is the second vector.
+    const RasterizerLocalToClip& t = *localToClip;
+    const float4 xs = make4(lane<0>(boundsMin), lane<0>(boundsMax), lane<0>(boundsMin), lane<0>(boundsMax));
+    const float4 ys = make4(lane<1>(boundsMin), lane<1>(boundsMin), lane<1>(boundsMax), lane<1>(boundsMax));
+    const float4 zNear = splatLane<2>(boundsMin), zFar = splatLane<2>(boundsMax);
+    float4 p[4][2];
+    for (int c = 0; c < 4; ++c) {
+        const float4 col0 = splat(lane(t.screenColumns[0], c)), col1 = splat(lane(t.screenColumns[1], c));
+        const float4 col2 = splat(lane(t.screenColumns[2], c)), col3 = splat(lane(t.screenColumns[3], c));
+        const float4 xy = xs * col0 + ys * col1;
+        p[c][0] = (xy + zNear * col2) + col3;
+        p[c][1] = (xy + zFar * col2) + col3;
+    }
+    // Near guard, relative to the box's size; written so that NaN counts as near.
+    const float4 limit = splat(0.001f * std::max(std::max(lane<0>(e), lane<1>(e)), lane<2>(e)));
+    if (anyTrue(~(cmpGe(p[3][0], limit) & cmpGe(p[3][1], limit)))) {
+        needsClipping = true;
+        return true;
+    }
+    needsClipping = false;
+    if (width == 0 || height == 0) return true; // no buffer: nothing can hide the box
+
+    const float4 r0 = rcp(p[3][0]), r1 = rcp(p[3][1]);
+    const float4 x0 = p[0][0] * r0, x1 = p[0][1] * r1, y0 = p[1][0] * r0, y1 = p[1][1] * r1;
+    const float4 lo = make4(horizontalMin(min(x0, x1)), horizontalMin(min(y0, y1)), 0.0f, 0.0f);
+    const float4 hi = make4(horizontalMax(max(x0, x1)), horizontalMax(max(y0, y1)), 0.0f, 0.0f);
+    const float4 limits = make4(float(width - 1), float(height - 1), 0.0f, 0.0f);
+    const int4 a = roundToInt(max(min(lo, limits), zero4())), b = roundToInt(max(min(hi, limits), zero4()));
+    if (!allTrue(isFinite(lo) & isFinite(hi))) return true;
+    const int minX = lane<0>(a), minY = lane<1>(a), maxX = lane<0>(b), maxY = lane<1>(b);
+    if (minX > maxX || minY > maxY) return false;
+    screenFraction = float(unsigned(maxX - minX) * unsigned(maxY - minY)) / float(width * height);
+    const uint16_t depth = horizontalMax(packDepthPremultiplied(p[2][0] * r0, p[2][1] * r1));
+    return query2D(unsigned(minX), unsigned(maxX), unsigned(minY), unsigned(maxY), depth);
+}
+
+bool Rasterizer::query2D(unsigned minX, unsigned maxX, unsigned minY, unsigned maxY, unsigned short depth) const {
+    if (blocksX == 0 || blocksY == 0 || minX > maxX || minY > maxY) return true;
+    maxX = std::min(maxX, width - 1);
+    maxY = std::min(maxY, height - 1);
+    const unsigned bx0 = minX >> 3, bx1 = maxX >> 3, by0 = minY >> 3, by1 = maxY >> 3;
+    const ushort8 q = splatU16(depth);
+
+    // Coarse: some block's conservative depth must not be nearer than the box.
+    bool candidate = false;
+    for (unsigned by = by0; by <= by1 && !candidate; ++by)
+        for (unsigned run = bx0; run <= bx1 && !candidate; run += 8) {
+            const ushort8 depths = loaduU16(&blockDepth[size_t(by) * blocksX + run]);
+            candidate = (byteMask(cmpGe(q, depths)) & runMask(bx1 - run + 1)) != 0;
+        }
+    if (!candidate) return false;
+
+    // Fine: pixels of blocks strictly farther than the box.
+    for (unsigned by = by0; by <= by1; ++by)
+        for (unsigned run = bx0; run <= bx1; run += 8) {
+            const size_t rowStart = size_t(by) * blocksX;
+            unsigned open = ~byteMask(cmpGe(loaduU16(&blockDepth[rowStart + run]), q)) & runMask(bx1 - run + 1);
+            while (open != 0) {
+                const unsigned i = unsigned(__builtin_ctz(open)) >> 1;
+                open &= ~(3u << (2 * i));
+                const unsigned bx = run + i;
+                const int xs = std::max(int(minX) - int(8 * bx), 0), xe = std::min(int(maxX) - int(8 * bx), 7);
+                const int ys = std::max(int(minY) - int(8 * by), 0), ye = std::min(int(maxY) - int(8 * by), 7);
+                if (xs == 0 && xe == 7 && ys == 0 && ye == 7) return true;
+                // Lanes 8 - xe through 7 - xs: the columns mirrored about the
+                // block's centre, xe exclusive. Kept as specified for this
+                // buffer's answers to stay the same on every platform.
+                const unsigned selected = (0xFFFFu >> (2 * xs)) & (0xFFFFu << (2 * (8 - xe))) & 0xFFFFu;
+                const ushort8* rows = &depthBuffer[8 * (rowStart + bx)];
+                for (int r = ys; r <= ye; ++r)
+                    if ((selected & ~byteMask(cmpGe(rows[r], q))) != 0) return true;
+            }
+        }
+    return false;
+}
+
+bool Rasterizer::query(const float* boundsMin, const float* boundsMax) const {
+    bool needsClipping = false;
+    float screenFraction = 0.0f;
+    const float4 one = make4(0.0f, 0.0f, 0.0f, 1.0f);
+    const int4 xyz = makeInt4(-1, -1, -1, 0);
+    return queryVisibility(select(xyz, load3(boundsMin), one), select(xyz, load3(boundsMax), one), needsClipping,
+                           screenFraction);
+}
+
+} // namespace util
