@@ -300,7 +300,9 @@ template <bool possiblyNearClipped> void Rasterizer::rasterize(const Occluder& o
         for (int j = 0; j < 4; ++j) {
             if (direct & (1u << j)) continue;
             // Sutherland-Hodgman against the near plane in homogeneous space.
-            float out[5][4];
+            // A quad that is not flat can cross it four times (corners alternately
+            // in front and behind), leaving six vertices.
+            float out[6][4];
             int n = 0;
             for (int k = 0; k < 4; ++k) {
                 const int k1 = (k + 1) & 3;
@@ -315,7 +317,7 @@ template <bool possiblyNearClipped> void Rasterizer::rasterize(const Occluder& o
                 }
             }
             if (n < 3) continue;
-            float v[5][3];
+            float v[6][3];
             bool usable = true;
             for (int i = 0; i < n; ++i) {
                 const float w = out[i][3];
@@ -327,6 +329,7 @@ template <bool possiblyNearClipped> void Rasterizer::rasterize(const Occluder& o
             if (n == 3) emit(v, 0, 1, 2, 2);
             if (n >= 4) emit(v, 0, 1, 2, 3);
             if (n == 5) emit(v, 0, 3, 4, 4);
+            if (n == 6) emit(v, 0, 3, 4, 5);
         }
     }
     flushPending();

@@ -1,9 +1,11 @@
 // Writes the seed corpora of the fuzz targets, built from the tests' scenes:
 //   zelk_fuzz_seeds <directory>   makes <directory>/<target>/<seed> files.
 #include "FuzzStream.h"
+#include "common/Occluder.h"
 #include "support/CityScene.h"
 #include "support/TestMeshes.h"
 
+#include <array>
 #include <cstdio>
 #include <string>
 #include <sys/stat.h>
@@ -14,6 +16,7 @@ using TestMesh = testing_support::Mesh;
 namespace {
 
 const float kIdentity[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
+const float kUnitBox[6] = {-0.5f, 0, -0.5f, 0.5f, 1, 0.5f}; // a city building in object space
 
 bool save(const std::string& dir, const std::string& name, const Writer& w) {
     mkdir(dir.c_str(), 0755);
@@ -74,21 +77,22 @@ Writer stages(const TestMesh& m, uint32_t target, float aggressiveness, bool nor
     return w;
 }
 
+// The engine's product for building b: view-projection x model.
+std::array<float, 16> modelViewProjection(const testing_support::CityScene& city, size_t b) {
+    const auto& vp = city.viewProjection;
+    const auto& model = city.models[b];
+    std::array<float, 16> mvp{};
+    for (size_t j = 0; j < 4; ++j)
+        for (size_t i = 0; i < 4; ++i)
+            for (size_t k = 0; k < 4; ++k) mvp[j * 4 + i] += vp[k * 4 + i] * model[j * 4 + k];
+    return mvp;
+}
+
 Writer maskedCity(const testing_support::CityScene& city) {
     Writer w;
     w.u8(MaskOpResolution), w.u8(40), w.u8(23), w.f32(city.nearPlane);
-    for (int b = 0; b < 3; ++b) {
-        // The engine's product: view-projection x model.
-        const auto& vp = city.viewProjection;
-        const auto& model = city.models[size_t(b) * 5];
-        float mvp[16];
-        for (int j = 0; j < 4; ++j)
-            for (int i = 0; i < 4; ++i) {
-                float s = 0;
-                for (int k = 0; k < 4; ++k) s += vp[size_t(k) * 4 + size_t(i)] * model[size_t(j) * 4 + size_t(k)];
-                mvp[j * 4 + i] = s;
-            }
-        w.u8(MaskOpMatrix), w.floats(mvp, 16);
+    for (size_t b = 0; b < 3; ++b) {
+        w.u8(MaskOpMatrix), w.floats(modelViewProjection(city, b * 5).data(), 16);
         w.u8(MaskOpObject);
         writeMesh(w, city.meshes[0].vertices, city.meshes[0].indices);
         w.u16(city.meshes[0].vertexCount());
@@ -113,6 +117,46 @@ Writer maskedClip(uint8_t winding, uint8_t planes) {
     w.u8(MaskOpClear);
     w.u8(MaskOpClip), w.u8(winding), w.u8(planes), w.u8(1), w.floats(kIdentity, 16);
     writeMesh(w, v, indices, 4);
+    return w;
+}
+
+// A building baked three ways (decomposed mesh, its own quads, the baked
+// words), each drawn and then tested with the city's boxes in its own frame.
+Writer bakedCity(const testing_support::CityScene& city) {
+    const TestMesh& b = city.meshes[0];
+    std::vector<common::float4> corners;
+    for (size_t q = 0; q + 5 < b.indices.size(); q += 6) {
+        // Each face cell is triangles (a, b, d), (a, d, c): the quad a, c, d, b.
+        const uint16_t quad[4] = {b.indices[q], b.indices[q + 5], b.indices[q + 4], b.indices[q + 1]};
+        for (uint16_t i : quad)
+            corners.push_back(common::make4(b.vertices[3 * i], b.vertices[3 * i + 1], b.vertices[3 * i + 2], 1.0f));
+    }
+    const auto baked =
+        common::Occluder::bake(corners, common::make4(-0.5f, 0, -0.5f, 1), common::make4(0.5f, 1, 0.5f, 1));
+    const std::vector<float> boxes = testing_support::makeCityQueryBoxes(city, 4, 5u);
+    Writer w;
+    w.u8(BakedOpResolution), w.u8(40), w.u8(23);
+    w.u8(BakedOpMatrix), w.floats(modelViewProjection(city, 0).data(), 16);
+    w.u8(BakedOpMesh), w.u8(0);
+    writeMesh(w, b.vertices, b.indices);
+    w.u8(0);
+    w.u8(BakedOpQuads), w.u8(1), w.u8(uint32_t(corners.size() / 4)), w.u8(0);
+    for (const common::float4& c : corners)
+        w.f32(common::lane<0>(c)), w.f32(common::lane<1>(c)), w.f32(common::lane<2>(c));
+    w.u8(1), w.floats(kUnitBox, 6);
+    w.u8(BakedOpWords), w.u8(0);
+    for (const common::float4* v :
+         {&baked->center, &baked->refMin, &baked->refMax, &baked->boundsMin, &baked->boundsMax})
+        w.f32(common::lane<0>(*v)), w.f32(common::lane<1>(*v)), w.f32(common::lane<2>(*v));
+    w.u8(uint32_t(baked->packedVertices.size() / 4)), w.u8(0);
+    for (const common::int4& word : baked->packedVertices) {
+        alignas(16) int32_t lanes[4];
+        common::storeInt4(lanes, word);
+        for (int32_t l : lanes) w.u32(uint32_t(l));
+    }
+    for (size_t i = 0; i < boxes.size(); i += 6) w.u8(BakedOpBox), w.floats(&boxes[i], 6);
+    w.u8(BakedOpRect), w.u16(0), w.u16(319), w.u16(0), w.u16(183), w.u16(30000);
+    w.u8(BakedOpClear);
     return w;
 }
 
@@ -150,5 +194,7 @@ int main(int argc, char** argv) {
         ok &= save(masked, "clip-all-" + std::to_string(winding), maskedClip(winding, 31));
         ok &= save(masked, "clip-near-" + std::to_string(winding), maskedClip(winding, 1));
     }
+
+    ok &= save(root + "/BakedFuzz", "city", bakedCity(city));
     return ok ? 0 : 1;
 }

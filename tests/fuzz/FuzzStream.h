@@ -115,3 +115,20 @@ enum MaskedOp : uint8_t {
 };
 
 } // namespace fuzzing
+
+namespace fuzzing {
+
+// Operations of the baking and quad-rasteriser target.
+enum BakedOp : uint8_t {
+    BakedOpResolution, // u8 width / 8, u8 height / 8
+    BakedOpMatrix,     // 16 f32
+    BakedOpMesh,       // u8 flags (bit 0 near clipping), mesh, u8 box flag (bit 0 arbitrary), 6 f32 box
+    BakedOpQuads,      // u8 flags, u8 quads, u8 extra corners, 3 f32 per corner, box as above
+    BakedOpWords,      // u8 flags, 5 x 3 f32 (center, ref box, bounds), u8 batches, u8 extra, 4 u32 each
+    BakedOpBox,        // 6 f32
+    BakedOpRect,       // u16 x0, x1, y0, y1, depth
+    BakedOpClear,      // none: also starts a new group
+    BakedOpCount
+};
+
+} // namespace fuzzing
