@@ -151,7 +151,7 @@ void Rasterizer::setModelViewProjection(const Matrix4x4& m) {
     t.screenColumns[2] = sz;
     t.screenColumns[3] = sw;
     t.calcFrustum();
-    for (int g = 0; g < 2; ++g) {
+    for (size_t g = 0; g < 2; ++g) {
         float4 p0 = t.frustumPlanes[4 * g], p1 = t.frustumPlanes[4 * g + 1];
         float4 p2 = g == 0 ? t.frustumPlanes[2] : p0, p3 = g == 0 ? t.frustumPlanes[3] : p1;
         transpose(p0, p1, p2, p3);
