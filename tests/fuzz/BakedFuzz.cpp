@@ -86,7 +86,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const uint8_t op = in.u8() % BakedOpCount;
         switch (op) {
         case BakedOpResolution: {
-            const unsigned width = 8u * (in.u8() % 241u), height = 8u * (in.u8() % 136u);
+            const unsigned width = bufferSize(in.u8(), 1920), height = bufferSize(in.u8(), 1080);
             raster.setResolution(width, height);
             rapid.setResolution(width, height);
             raster.clear();

@@ -90,7 +90,7 @@ std::array<float, 16> modelViewProjection(const testing_support::CityScene& city
 
 Writer maskedCity(const testing_support::CityScene& city) {
     Writer w;
-    w.u8(MaskOpResolution), w.u8(40), w.u8(23), w.f32(city.nearPlane);
+    w.u8(MaskOpResolution), w.u8(39), w.u8(23), w.f32(city.nearPlane);
     for (size_t b = 0; b < 3; ++b) {
         w.u8(MaskOpMatrix), w.floats(modelViewProjection(city, b * 5).data(), 16);
         w.u8(MaskOpObject);
@@ -135,7 +135,7 @@ Writer bakedCity(const testing_support::CityScene& city) {
         common::Occluder::bake(corners, common::make4(-0.5f, 0, -0.5f, 1), common::make4(0.5f, 1, 0.5f, 1));
     const std::vector<float> boxes = testing_support::makeCityQueryBoxes(city, 4, 5u);
     Writer w;
-    w.u8(BakedOpResolution), w.u8(40), w.u8(23);
+    w.u8(BakedOpResolution), w.u8(39), w.u8(23);
     w.u8(BakedOpMatrix), w.floats(modelViewProjection(city, 0).data(), 16);
     w.u8(BakedOpMesh), w.u8(0);
     writeMesh(w, b.vertices, b.indices);
@@ -155,7 +155,7 @@ Writer bakedCity(const testing_support::CityScene& city) {
         for (int32_t l : lanes) w.u32(uint32_t(l));
     }
     for (size_t i = 0; i < boxes.size(); i += 6) w.u8(BakedOpBox), w.floats(&boxes[i], 6);
-    w.u8(BakedOpRect), w.u16(0), w.u16(319), w.u16(0), w.u16(183), w.u16(30000);
+    w.u8(BakedOpRect), w.u16(0), w.u16(311), w.u16(0), w.u16(183), w.u16(30000);
     w.u8(BakedOpClear);
     return w;
 }

@@ -58,6 +58,11 @@ public:
     }
 };
 
+// A buffer size in pixels from one byte: multiples of 8 up to 312 for most
+// values, the largest the engine accepts (maxPixels) for the top sixteen. Big
+// buffers cost time per input, so they are rare but always reachable.
+inline unsigned bufferSize(uint8_t b, unsigned maxPixels) { return b >= 240 ? maxPixels : 8u * (b % 40u); }
+
 // A mesh as the targets read it: vertex count, `components` floats per vertex
 // (xyz, or xyzw in clip space), index count, indices. The counts are free;
 // missing bytes read as zeros.
@@ -103,7 +108,7 @@ enum EngineOp : uint8_t {
 
 // Operations of the masked-rasteriser target.
 enum MaskedOp : uint8_t {
-    MaskOpResolution, // u8 width / 8, u8 height / 8, f32 near
+    MaskOpResolution, // u8 width, u8 height (see bufferSize), f32 near
     MaskOpMatrix,     // 16 f32
     MaskOpObject,     // mesh, u16 claimed vertex count
     MaskOpClip,       // u8 winding, u8 clip mask, u8 flags (bit 0 pass matrix), 16 f32, mesh (xyzw per vertex)
@@ -120,7 +125,7 @@ namespace fuzzing {
 
 // Operations of the baking and quad-rasteriser target.
 enum BakedOp : uint8_t {
-    BakedOpResolution, // u8 width / 8, u8 height / 8
+    BakedOpResolution, // u8 width, u8 height (see bufferSize)
     BakedOpMatrix,     // 16 f32
     BakedOpMesh,       // u8 flags (bit 0 near clipping), mesh, u8 box flag (bit 0 arbitrary), 6 f32 box
     BakedOpQuads,      // u8 flags, u8 quads, u8 extra corners, 3 f32 per corner, box as above

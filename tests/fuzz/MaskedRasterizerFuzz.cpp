@@ -26,7 +26,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (int step = 0; step < 32 && !in.done(); ++step) {
         switch (in.u8() % MaskOpCount) {
         case MaskOpResolution: {
-            const unsigned width = 8u * (in.u8() % 241u), height = 8u * (in.u8() % 136u);
+            const unsigned width = bufferSize(in.u8(), 1920), height = bufferSize(in.u8(), 1080);
             m.SetResolution(width, height);
             other.masked->SetResolution(width, height);
             m.SetNearClipPlane(in.f32());
