@@ -73,6 +73,12 @@ ZELK_API int zelkStartNewFrame(const float* frameParams, const float* viewProjec
  * model: 16 floats, column-major model-to-world matrix; NULL gives an
  *   all-zero matrix, so the occluder hides nothing.
  * The same mesh may be submitted several times per frame.
+ *
+ * Winding: a triangle is front-facing when its vertices run counter-clockwise
+ * on screen in a y-up clip space (OpenGL's default); back faces hide nothing.
+ * A host whose meshes store front faces clockwise (some level formats do)
+ * must reverse each triangle's order, or it loses most of its occluders
+ * silently: the calls still succeed and few boxes are culled.
  */
 ZELK_API int zelkSubmitOccluder(const float* vertices, const uint16_t* indices, uint32_t vertexCount,
                                 uint32_t indexCount, RigidType rigidType, const float* model);

@@ -5,25 +5,30 @@
 Matching::Matching(const Graph& g) : graph(&g) {
     const size_t n = g.size();
     mate.assign(n, -1);
-    nodes.assign(n, MatchingNode{0, -1, 0, 0});
-    bridge.assign(n, std::pair<int32_t, int32_t>(0, 0));
     const auto vertexCount = int32_t(std::min<size_t>(n, size_t(INT32_MAX)));
 
     // Greedy start: most vertices of a mesh graph pair up here and are never
-    // searched from.
+    // searched from. A vertex without neighbours has no augmenting path, so it
+    // is not a candidate: on sparse graphs, where most vertices are isolated,
+    // they cost one look at their list.
     std::vector<int32_t> candidates;
     for (int32_t v = 0; v < vertexCount; ++v) {
         if (mate[size_t(v)] != -1) continue;
-        bool paired = false;
+        bool paired = false, connected = false;
         for (const int32_t w : g.adjacency[size_t(v)]) {
-            if (w < 0 || w >= vertexCount || mate[size_t(w)] != -1) continue;
+            if (w < 0 || w >= vertexCount) continue;
+            connected = true;
+            if (mate[size_t(w)] != -1) continue;
             mate[size_t(v)] = w;
             mate[size_t(w)] = v;
             paired = true;
             break;
         }
-        if (!paired) candidates.push_back(v);
+        if (!paired && connected) candidates.push_back(v);
     }
+    if (candidates.empty()) return;
+    nodes.assign(n, MatchingNode{0, -1, 0, 0});
+    bridge.assign(n, std::pair<int32_t, int32_t>(0, 0));
 
     // A vertex with no augmenting path now never gets one later, so each
     // candidate is searched once.

@@ -12,24 +12,36 @@ namespace common {
 
 namespace {
 
-// One cache line each; the quadric first, so that its rows load aligned.
-struct alignas(64) Vertex {
+// Positions live apart, in MeshReducerPrivate::positions: the flip test reads
+// the positions of many vertices and nothing else of them.
+struct Vertex {
     float quadric[10]; // symmetric 4x4: aa ab ac ad bb bc bd cc cd dd
-    Vec3 position;
     uint32_t firstRef; // first incident corner in refs
     uint32_t refCount; // incident corners; in the final compaction: vertex in use
     bool border;       // on an open boundary of the mesh
 };
 
+// What the flip test reads of every neighbouring triangle, 16 bytes; the
+// errors and normal sit in a parallel array (TriangleData).
 struct Triangle {
+    uint32_t vertex[3];
     bool deleted;
     bool dirty;          // changed in this iteration: not collapsed again until the next
-    bool staleErrors;    // changed by a collapse; error[] is brought up to date before it is next read
+    uint8_t knownErrors; // kErrorKnown bit j: error[j] is up to date; kAsLoaded: unchanged since the start
     uint8_t failedEdges; // bit j: failures[3 t + j] may hold a failed collapse of edge j
-    uint32_t vertex[3];
+};
+
+struct TriangleData {
     float error[3]; // error[j]: collapse error of edge (vertex[j], vertex[j+1 mod 3])
     Vec3 normal;
 };
+
+// Errors are computed when first read. A triangle unchanged since the start
+// computes them as the start did, before borders were marked; a changed one
+// with its vertices as they are when read, which is as they were at its last
+// change: every move of a vertex changes all of its triangles.
+constexpr uint8_t kErrorKnown[3] = {1, 2, 4};
+constexpr uint8_t kAsLoaded = 8;
 
 struct Ref {
     uint32_t triangle;
@@ -71,12 +83,7 @@ inline Vec3 normalized(Vec3 a) {
 // Lane-wise forms of the above: the same IEEE operations in the same order
 // (dot3 sums x, y, then z), four lanes at a time.
 inline float4 load(Vec3 a) { return make4(a.x, a.y, a.z, 0.0f); }
-// A vertex position with w = 0, read as one 16-byte load: the four bytes after
-// the position are firstRef, inside the same Vertex.
-inline float4 loadPosition(const Vertex& v) {
-    static_assert(offsetof(Vertex, firstRef) == offsetof(Vertex, position) + sizeof(Vec3), "layout");
-    return asFloat(asInt(loadu4(&v.position.x)) & makeInt4(-1, -1, -1, 0));
-}
+inline Vec3 toVec3(float4 a) { return Vec3{lane<0>(a), lane<1>(a), lane<2>(a)}; }
 inline float4 normalized4(float4 a) {
     const float length = std::sqrt(dot3(a, a));
     if (length != 0.0f) return a / splat(length);
@@ -96,23 +103,38 @@ inline float thresholdAt(int iteration, float aggressiveness) {
 class MeshReducerPrivate {
 public:
     std::vector<Triangle> triangles;
+    std::vector<TriangleData> triangleData; // parallel to triangles
     std::vector<Vertex> vertices;
+    std::vector<float4> positions; // per vertex, w = 0
     std::vector<Ref> refs;
     // Scratch for border marking: occurrences per vertex and the vertices met.
     std::vector<uint32_t> neighbourCounts;
     std::vector<uint32_t> neighbourIds;
-    // Failed collapses are remembered until something they looked at changes:
-    // a collapse marks the vertices of every triangle it touches (the ends
-    // included) with the current tick; a refresh renumbers triangles and refs,
-    // so it forgets everything. The clock runs on across calls, so stale
-    // entries from an earlier call are never younger than its first refresh.
+    // Failed collapses are remembered until something they looked at changes.
+    // A collapse stamps the triangles it changes or deletes (changedAt) and
+    // the vertex it moves (movedAt) with the current tick. A failure depends
+    // on the position chosen for the edge (the ends' quadrics and positions:
+    // unchanged while neither end moved), on its own triangle (which names the
+    // ends) and on the triangles the flip tests looked at, in list order, up
+    // to where they stopped (a neighbour vertex that moved changed them all).
+    // A refresh drops deleted triangles and rebuilds every vertex's refs in
+    // triangle order: the surviving refs keep their order unless a collapse
+    // rewrote the list (the vertex moved), so records move with their
+    // triangles and the vertices moved since the last refresh count as moved
+    // again. Records are flagged per call (failedEdges); the clock runs on
+    // across calls, so stamps of earlier calls are older than any record.
     struct Failure {
         uint64_t tick;  // clock + 1 when recorded
-        uint32_t at;    // corner where the flip test stopped
-        uint8_t ending; // bit 0: second end failed; 1: first end moved; 2: sliver
+        Ref stop;       // the corner where the flip test stopped
+        uint8_t ending; // kSecondEnd, kFirstMoved, kSliver
     };
-    std::vector<Failure> failures;   // per triangle edge
-    std::vector<uint64_t> touchedAt; // per vertex
+    static constexpr uint8_t kSecondEnd = 1;  // the second end's test failed (the first passed)
+    static constexpr uint8_t kFirstMoved = 2; // the first end's test ran (its position changes)
+    static constexpr uint8_t kSliver = 4;     // the failing triangle would be a sliver, not a fold
+    std::vector<Failure> failures;            // per triangle edge
+    std::vector<uint64_t> changedAt;          // per triangle
+    std::vector<uint64_t> movedAt;            // per vertex
+    std::vector<uint32_t> renumbered;         // per triangle, in a refresh: its new index
     uint64_t clock = 0;
     uint64_t refreshedAt = 0;
     // Deleted-triangle flags of the two ends of the edge under test.
@@ -123,7 +145,28 @@ public:
                 float aggressiveness, bool normalize);
 
 private:
-    float calculateError(uint32_t i0, uint32_t i1, Vec3& result);
+    float calculateError(uint32_t i0, uint32_t i1, Vec3& result, bool ignoreBorders = false);
+    // The position chosen when an error was last computed, for the collapse
+    // attempt that usually follows at once; nothing changes in between.
+    struct ChosenPosition {
+        size_t triangle = SIZE_MAX;
+        int edge = 0;
+        Vec3 position{0.0f, 0.0f, 0.0f};
+    } chosen;
+    float errorOf(size_t ti, int j) {
+        Triangle& t = triangles[ti];
+        float& error = triangleData[ti].error[j];
+        if (!(t.knownErrors & kErrorKnown[j])) {
+            const uint32_t i0 = t.vertex[j], i1 = t.vertex[(j + 1) % 3];
+            const bool asLoaded = t.knownErrors & kAsLoaded;
+            Vec3 p = toVec3(positions[i0]);
+            error = calculateError(i0, i1, p, asLoaded);
+            t.knownErrors |= kErrorKnown[j];
+            // Ignoring the borders changes the position only on a border edge.
+            if (!(asLoaded && vertices[i0].border && vertices[i1].border)) chosen = ChosenPosition{ti, j, p};
+        }
+        return error;
+    }
     // How a flip test ended: whether the vertex moves at all, and on a flip
     // the corner it stopped at and which of the two tests failed there.
     struct FlipReport {
@@ -131,8 +174,9 @@ private:
         bool sliver;
         uint32_t at;
     };
-    bool flipped(Vec3 p, uint32_t otherEnd, Vertex& v, Flags& deletedFlags, FlipReport& report);
-    void replayFlags(uint32_t otherEnd, const Vertex& v, Flags& deletedFlags, uint32_t end, bool failed, bool sliver);
+    bool flipped(Vec3 p, uint32_t otherEnd, uint32_t self, Flags& deletedFlags, FlipReport& report);
+    bool replayFlags(uint32_t otherEnd, const Vertex& v, Flags& deletedFlags, uint64_t tick, bool failed, Ref stop,
+                     bool sliver);
     void updateTriangles(uint32_t i0, Vertex& v, Flags& deletedFlags, uint32_t& deletedTriangles);
     void prefetchTriangles(const Vertex& v) const {
 #if defined(__GNUC__)
@@ -142,8 +186,7 @@ private:
 #endif
     }
     void refresh(int iteration);
-    void refreshStaleErrors();
-    bool sameClassification(float a, float b) const;
+    bool sameClassification(float a, float b);
     void markBorders();
     void compact();
 };
@@ -165,15 +208,15 @@ inline float vertexError(const SummedQuadric& q, float4 xyz1) {
            lane<3>(t1) + lane<0>(t2) + lane<1>(t2);
 }
 
-float MeshReducerPrivate::calculateError(uint32_t i0, uint32_t i1, Vec3& result) {
+float MeshReducerPrivate::calculateError(uint32_t i0, uint32_t i1, Vec3& result, bool ignoreBorders) {
     const Vertex& v0 = vertices[i0];
     const Vertex& v1 = vertices[i1];
     SummedQuadric q;
-    q.r0 = load4(v0.quadric) + load4(v1.quadric);
-    q.r1 = load4(v0.quadric + 4) + load4(v1.quadric + 4);
+    q.r0 = loadu4(v0.quadric) + loadu4(v1.quadric);
+    q.r1 = loadu4(v0.quadric + 4) + loadu4(v1.quadric + 4);
     q.r2 = make4(v0.quadric[8], v0.quadric[9], 0.0f, 0.0f) + make4(v1.quadric[8], v1.quadric[9], 0.0f, 0.0f);
 
-    if (!(v0.border && v1.border)) {
+    if (ignoreBorders || !(v0.border && v1.border)) {
         // The minimiser of the quadric solves a 3x3 system (Cramer's rule). The
         // four determinants (system, then the numerators of x, y, z) side by
         // side, each lane with det3's operations in det3's order:
@@ -202,7 +245,7 @@ float MeshReducerPrivate::calculateError(uint32_t i0, uint32_t i1, Vec3& result)
 
     // Border edges (and singular systems) stay on the edge: an end or the
     // midpoint, their three errors lane-wise in the order of vertexError.
-    const float4 p0 = loadPosition(v0), p1 = loadPosition(v1);
+    const float4 p0 = positions[i0], p1 = positions[i1];
     const float4 mid = (p0 + p1) * splat(0.5f);
     float4 xs = p0, ys = p1, zs = mid, unused = zero4();
     transpose(xs, ys, zs, unused);
@@ -216,9 +259,9 @@ float MeshReducerPrivate::calculateError(uint32_t i0, uint32_t i1, Vec3& result)
     const float inner = e2 < e1 ? e2 : e1;
     const float m = inner < e0 ? inner : e0;
     if (e0 == m)
-        result = v0.position;
+        result = toVec3(p0);
     else if (e1 == m)
-        result = v1.position;
+        result = toVec3(p1);
     else if (e2 == m)
         result = Vec3{lane<0>(mid), lane<1>(mid), lane<2>(mid)};
     return m;
@@ -226,8 +269,9 @@ float MeshReducerPrivate::calculateError(uint32_t i0, uint32_t i1, Vec3& result)
 
 // Would moving v to p fold one of its triangles over or make it a sliver?
 // Marks the triangles that also hold otherEnd: they vanish in the collapse.
-bool MeshReducerPrivate::flipped(Vec3 p, uint32_t otherEnd, Vertex& v, Flags& deletedFlags, FlipReport& report) {
-    report.moved = !(p == v.position);
+bool MeshReducerPrivate::flipped(Vec3 p, uint32_t otherEnd, uint32_t self, Flags& deletedFlags, FlipReport& report) {
+    const Vertex& v = vertices[self];
+    report.moved = !(p == toVec3(positions[self]));
     if (!report.moved) return false;
     const float4 p4 = load(p);
     for (uint32_t k = 0; k < v.refCount; ++k) {
@@ -239,8 +283,8 @@ bool MeshReducerPrivate::flipped(Vec3 p, uint32_t otherEnd, Vertex& v, Flags& de
             deletedFlags.set(k, true);
             continue;
         }
-        const float4 d1 = normalized4(loadPosition(vertices[a]) - p4);
-        const float4 d2 = normalized4(loadPosition(vertices[b]) - p4);
+        const float4 d1 = normalized4(positions[a] - p4);
+        const float4 d2 = normalized4(positions[b] - p4);
         if (std::fabs(dot3(d1, d2)) > 0.999f) {
             report.at = k;
             report.sliver = true;
@@ -248,7 +292,7 @@ bool MeshReducerPrivate::flipped(Vec3 p, uint32_t otherEnd, Vertex& v, Flags& de
         }
         deletedFlags.set(k, false);
         const float4 n = normalized4(cross3(d1, d2));
-        if (dot3(n, load(t.normal)) < 0.2f) {
+        if (dot3(n, load(triangleData[r.triangle].normal)) < 0.2f) {
             report.at = k;
             report.sliver = false;
             return true;
@@ -257,18 +301,25 @@ bool MeshReducerPrivate::flipped(Vec3 p, uint32_t otherEnd, Vertex& v, Flags& de
     return false;
 }
 
-// The flag writes of a flip test that passed the first `end` corners and, when
-// `failed`, stopped at corner end (after clearing its flag unless `sliver`).
-void MeshReducerPrivate::replayFlags(uint32_t otherEnd, const Vertex& v, Flags& deletedFlags, uint32_t end, bool failed,
-                                     bool sliver) {
-    for (uint32_t k = 0; k < end; ++k) {
+// The flag writes of a flip test, recorded at `tick`, that passed every
+// corner or, when `failed`, stopped at corner `stop` (after clearing its flag
+// unless `sliver`). Returns false on meeting a triangle changed since: the
+// test must run again (the flags written so far are the ones it writes too).
+bool MeshReducerPrivate::replayFlags(uint32_t otherEnd, const Vertex& v, Flags& deletedFlags, uint64_t tick,
+                                     bool failed, Ref stop, bool sliver) {
+    for (uint32_t k = 0; k < v.refCount; ++k) {
         const Ref r = refs[size_t(v.firstRef) + k];
+        if (changedAt[r.triangle] >= tick) return false;
+        if (failed && r.triangle == stop.triangle && r.corner == stop.corner) {
+            if (!sliver) deletedFlags.set(k, false);
+            return true;
+        }
         const Triangle& t = triangles[r.triangle];
         if (t.deleted) continue;
         const uint32_t a = t.vertex[(r.corner + 1) % 3], b = t.vertex[(r.corner + 2) % 3];
         deletedFlags.set(k, a == otherEnd || b == otherEnd);
     }
-    if (failed && !sliver) deletedFlags.set(end, false);
+    return true;
 }
 
 void MeshReducerPrivate::updateTriangles(uint32_t i0, Vertex& v, Flags& deletedFlags, uint32_t& deletedTriangles) {
@@ -276,7 +327,7 @@ void MeshReducerPrivate::updateTriangles(uint32_t i0, Vertex& v, Flags& deletedF
         const Ref r = refs[size_t(v.firstRef) + k];
         Triangle& t = triangles[r.triangle];
         if (t.deleted) continue;
-        for (const uint32_t corner : t.vertex) touchedAt[corner] = clock;
+        changedAt[r.triangle] = clock;
         if (deletedFlags[k]) {
             t.deleted = true;
             ++deletedTriangles;
@@ -284,58 +335,67 @@ void MeshReducerPrivate::updateTriangles(uint32_t i0, Vertex& v, Flags& deletedF
         }
         t.vertex[r.corner] = i0;
         t.dirty = true;
-        // A changed triangle is dirty for the rest of this pass, so nothing
-        // reads its errors before the next one; they are recomputed there
-        // (often never: the pass that reaches the target is usually the last).
-        t.staleErrors = true;
+        // Dirty for the rest of this pass, so nothing reads its errors before
+        // the next one (often never: the pass that reaches the target is
+        // usually the last).
+        t.knownErrors = 0;
         refs.push_back(r);
-    }
-}
-
-// Errors of the triangles changed since their errors were last read. The
-// values equal what recomputing at each change would have stored: a triangle
-// is changed again whenever one of its vertices moves, so the last change
-// sees the state its vertices have now, and borders are fixed after the
-// first refresh.
-void MeshReducerPrivate::refreshStaleErrors() {
-    Vec3 unused{0.0f, 0.0f, 0.0f};
-    for (Triangle& t : triangles) {
-        if (!t.staleErrors) continue;
-        t.staleErrors = false;
-        if (t.deleted) continue;
-        t.error[0] = calculateError(t.vertex[0], t.vertex[1], unused);
-        t.error[1] = calculateError(t.vertex[1], t.vertex[2], unused);
-        t.error[2] = calculateError(t.vertex[2], t.vertex[0], unused);
     }
 }
 
 // True when every live edge compares the same way (below, above, equal) with
 // threshold a as with threshold b.
-bool MeshReducerPrivate::sameClassification(float a, float b) const {
+bool MeshReducerPrivate::sameClassification(float a, float b) {
     if (a == b) return true;
     const float lo = std::min(a, b), hi = std::max(a, b);
-    for (const Triangle& t : triangles) {
-        if (t.deleted) continue;
-        for (const float e : t.error)
+    for (size_t ti = 0; ti < triangles.size(); ++ti) {
+        if (triangles[ti].deleted) continue;
+        for (int j = 0; j < 3; ++j) {
+            const float e = errorOf(ti, j);
             if (e >= lo && e <= hi) return false;
+        }
     }
     return true;
 }
 
 void MeshReducerPrivate::refresh(int iteration) {
     if (iteration > 0) {
+        // Failure records move with their triangles and name the new numbers.
+        renumbered.resize(triangles.size());
         size_t kept = 0;
-        for (size_t i = 0; i < triangles.size(); ++i)
-            if (!triangles[i].deleted) triangles[kept++] = triangles[i];
+        for (size_t i = 0; i < triangles.size(); ++i) {
+            renumbered[i] = UINT32_MAX;
+            if (triangles[i].deleted) continue;
+            renumbered[i] = uint32_t(kept);
+            if (kept != i) {
+                triangles[kept] = triangles[i];
+                triangleData[kept] = triangleData[i];
+                changedAt[kept] = changedAt[i];
+                for (size_t j = 0; j < 3; ++j) failures[3 * kept + j] = failures[3 * i + j];
+            }
+            ++kept;
+        }
         triangles.resize(kept);
+        triangleData.resize(kept);
+        for (size_t i = 0; i < kept; ++i) {
+            Triangle& t = triangles[i];
+            for (size_t j = 0; j < 3; ++j) {
+                if (!(t.failedEdges >> j & 1)) continue;
+                Failure& failure = failures[3 * i + j];
+                failure.stop.triangle = renumbered[failure.stop.triangle];
+                // A deleted stop corner means a touched end: the record is dead.
+                if (failure.stop.triangle == UINT32_MAX) t.failedEdges &= uint8_t(~(1u << j));
+            }
+        }
     }
 
     if (iteration == 0) {
         for (Vertex& v : vertices) std::fill(v.quadric, v.quadric + 10, 0.0f);
-        for (Triangle& t : triangles) {
-            const Vec3 p0 = vertices[t.vertex[0]].position;
-            const Vec3 n = normalized(cross(vertices[t.vertex[1]].position - p0, vertices[t.vertex[2]].position - p0));
-            t.normal = n;
+        for (size_t ti = 0; ti < triangles.size(); ++ti) {
+            const Triangle& t = triangles[ti];
+            const Vec3 p0 = toVec3(positions[t.vertex[0]]);
+            const Vec3 n = normalized(cross(toVec3(positions[t.vertex[1]]) - p0, toVec3(positions[t.vertex[2]]) - p0));
+            triangleData[ti].normal = n;
             // Plane quadric, unweighted by area.
             const float a = n.x, b = n.y, c = n.z, d = -dot(n, p0);
             const float plane[10] = {a * a, a * b, a * c, a * d, b * b, b * c, b * d, c * c, c * d, d * d};
@@ -344,12 +404,7 @@ void MeshReducerPrivate::refresh(int iteration) {
                 for (int k = 0; k < 10; ++k) q[k] += plane[k];
             }
         }
-        Vec3 unused{0.0f, 0.0f, 0.0f};
-        for (Triangle& t : triangles) {
-            t.error[0] = calculateError(t.vertex[0], t.vertex[1], unused);
-            t.error[1] = calculateError(t.vertex[1], t.vertex[2], unused);
-            t.error[2] = calculateError(t.vertex[2], t.vertex[0], unused);
-        }
+        for (Triangle& t : triangles) t.knownErrors = kAsLoaded;
     }
 
     // Incident corners of every vertex, contiguous and in triangle order.
@@ -414,12 +469,13 @@ void MeshReducerPrivate::compact() {
     for (size_t i = 0; i < vertices.size(); ++i) {
         if (vertices[i].refCount == 0) continue;
         vertices[i].firstRef = used;
-        vertices[used].position = vertices[i].position;
+        positions[used] = positions[i];
         ++used;
     }
     for (Triangle& t : triangles)
         for (int j = 0; j < 3; ++j) t.vertex[j] = vertices[t.vertex[j]].firstRef;
     vertices.resize(used);
+    positions.resize(used);
 }
 
 void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndices, uint32_t vertexCount,
@@ -433,20 +489,23 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
     vertices.clear();
     refs.clear();
     vertices.resize(vertexCount);
+    positions.resize(vertexCount);
     for (uint32_t i = 0; i < vertexCount; ++i) {
         Vertex& v = vertices[i];
         v.border = false;
         v.firstRef = 0;
         v.refCount = 0;
-        v.position = Vec3{inVertices[3 * size_t(i)], inVertices[3 * size_t(i) + 1], inVertices[3 * size_t(i) + 2]};
+        positions[i] =
+            make4(inVertices[3 * size_t(i)], inVertices[3 * size_t(i) + 1], inVertices[3 * size_t(i) + 2], 0.0f);
         std::fill(v.quadric, v.quadric + 10, 0.0f);
     }
     triangles.resize(triangleCount);
+    triangleData.resize(triangleCount);
     for (size_t i = 0, t = 0; i < usedIndices; i += 3, ++t) {
         Triangle& tri = triangles[t];
         tri.deleted = false;
         tri.dirty = false;
-        tri.staleErrors = false;
+        tri.knownErrors = 0;
         tri.failedEdges = 0;
         tri.vertex[0] = inIndices[i];
         tri.vertex[1] = inIndices[i + 1];
@@ -457,96 +516,110 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
     // for every mesh size.
     float scale = 1.0f;
     if (normalize) {
-        Vec3 lo = vertices[0].position, hi = lo;
-        for (const Vertex& v : vertices) {
-            const Vec3 p = v.position;
+        Vec3 lo = toVec3(positions[0]), hi = lo;
+        for (const float4 position : positions) {
+            const Vec3 p = toVec3(position);
             lo = Vec3{std::min(lo.x, p.x), std::min(lo.y, p.y), std::min(lo.z, p.z)};
             hi = Vec3{std::max(hi.x, p.x), std::max(hi.y, p.y), std::max(hi.z, p.z)};
         }
         scale = std::max(hi.x - lo.x, std::max(hi.y - lo.y, hi.z - lo.z));
         if (scale != 1.0f && scale != 0.0f) {
             const float inverse = 1.0f / scale;
-            for (Vertex& v : vertices)
-                v.position = Vec3{v.position.x * inverse, v.position.y * inverse, v.position.z * inverse};
+            for (float4& p : positions)
+                p = make4(lane<0>(p) * inverse, lane<1>(p) * inverse, lane<2>(p) * inverse, 0.0f);
         } else {
             scale = 1.0f;
         }
     }
 
     if (failures.size() < size_t(triangleCount) * 3) failures.resize(size_t(triangleCount) * 3);
-    if (touchedAt.size() < vertexCount) touchedAt.resize(vertexCount);
+    if (changedAt.size() < triangleCount) changedAt.resize(triangleCount);
+    if (movedAt.size() < vertexCount) movedAt.resize(vertexCount);
     uint32_t deletedTriangles = 0;
     flags0.clear(); // each call starts with empty flag arrays
     flags1.clear();
     bool collapsedSinceRefresh = true;
-    bool errorsStale = false;
+    bool collapsedThisPass = false;
     for (int iteration = 0; iteration < 100; ++iteration) {
         if (triangleCount - deletedTriangles <= targetTriangles) break;
         if (iteration % 5 == 0) {
             refresh(iteration);
+            const uint64_t previous = refreshedAt;
             refreshedAt = ++clock;
+            if (iteration > 0 && collapsedSinceRefresh) {
+                for (uint32_t v = 0; v < vertexCount; ++v)
+                    if (movedAt[v] > previous) movedAt[v] = refreshedAt;
+            }
             collapsedSinceRefresh = false;
-        }
-        if (errorsStale) {
-            refreshStaleErrors();
-            errorsStale = false;
         }
         for (Triangle& t : triangles) t.dirty = false;
         const float threshold = thresholdAt(iteration, aggressiveness);
+        collapsedThisPass = false;
 
         for (size_t ti = 0; ti < triangles.size(); ++ti) {
             Triangle& t = triangles[ti];
             if (t.deleted || t.dirty) continue;
-            if (t.error[0] > threshold && t.error[1] > threshold && t.error[2] > threshold) continue;
+            chosen.triangle = SIZE_MAX; // a position is reused only within one triangle's turn
+            if (errorOf(ti, 0) > threshold && errorOf(ti, 1) > threshold && errorOf(ti, 2) > threshold) continue;
             for (int j = 0; j < 3; ++j) {
-                if (t.error[j] < threshold) {
+                if (errorOf(ti, j) < threshold) {
                     const uint32_t i0 = t.vertex[j], i1 = t.vertex[(j + 1) % 3];
                     Vertex& v0 = vertices[i0];
                     Vertex& v1 = vertices[i1];
                     if (v0.border != v1.border) continue;
 
                     Failure& failure = failures[3 * ti + size_t(j)];
-                    if ((t.failedEdges >> j & 1) && failure.tick > refreshedAt && touchedAt[i0] < failure.tick &&
-                        touchedAt[i1] < failure.tick) {
-                        // Nothing this attempt reads has changed since it
-                        // failed: it fails again. Only its flag writes matter.
+                    // The record is read only when flagged: most attempts have
+                    // none, and the records are too many to stay in cache.
+                    const bool recorded = t.failedEdges >> j & 1;
+                    const uint64_t tick = recorded ? failure.tick : 0;
+                    if (recorded && changedAt[ti] < tick && movedAt[i0] < tick && movedAt[i1] < tick) {
+                        // If nothing this attempt reads has changed since it
+                        // failed, it fails again: only its flag writes matter.
                         flags0.resize(v0.refCount);
                         flags1.resize(v1.refCount);
-                        const bool secondEnd = failure.ending & 1, sliver = failure.ending & 4;
-                        if (secondEnd) {
-                            if (failure.ending & 2) replayFlags(i1, v0, flags0, v0.refCount, false, false);
-                            replayFlags(i0, v1, flags1, failure.at, true, sliver);
+                        const bool sliver = failure.ending & kSliver;
+                        bool replayed;
+                        if (failure.ending & kSecondEnd) {
+                            replayed = !(failure.ending & kFirstMoved) ||
+                                       replayFlags(i1, v0, flags0, tick, false, failure.stop, false);
+                            replayed = replayed && replayFlags(i0, v1, flags1, tick, true, failure.stop, sliver);
                         } else {
-                            replayFlags(i1, v0, flags0, failure.at, true, sliver);
+                            replayed = replayFlags(i1, v0, flags0, tick, true, failure.stop, sliver);
                         }
-                        continue;
+                        if (replayed) continue;
                     }
 
                     // The flip tests walk both vertices' triangles in scattered
                     // memory; start all those loads at once.
                     prefetchTriangles(v0);
                     prefetchTriangles(v1);
-                    Vec3 p = v0.position;
-                    calculateError(i0, i1, p);
+                    Vec3 p = toVec3(positions[i0]);
+                    if (chosen.triangle == ti && chosen.edge == j)
+                        p = chosen.position;
+                    else
+                        calculateError(i0, i1, p);
                     flags0.resize(v0.refCount);
                     flags1.resize(v1.refCount);
                     FlipReport first, second;
-                    if (flipped(p, i1, v0, flags0, first)) {
-                        failure = Failure{clock + 1, first.at, uint8_t(first.sliver ? 6 : 2)};
+                    if (flipped(p, i1, i0, flags0, first)) {
+                        failure = Failure{clock + 1, refs[size_t(v0.firstRef) + first.at],
+                                          uint8_t(kFirstMoved | (first.sliver ? kSliver : 0))};
                         t.failedEdges |= uint8_t(1 << j);
                         continue;
                     }
-                    if (flipped(p, i0, v1, flags1, second)) {
-                        failure =
-                            Failure{clock + 1, second.at, uint8_t(1 | (first.moved ? 2 : 0) | (second.sliver ? 4 : 0))};
+                    if (flipped(p, i0, i1, flags1, second)) {
+                        failure = Failure{
+                            clock + 1, refs[size_t(v1.firstRef) + second.at],
+                            uint8_t(kSecondEnd | (first.moved ? kFirstMoved : 0) | (second.sliver ? kSliver : 0))};
+                        t.failedEdges |= uint8_t(1 << j);
                         continue;
                     }
 
-                    collapsedSinceRefresh = true;
-                    errorsStale = true;
+                    collapsedSinceRefresh = collapsedThisPass = true;
                     ++clock;
-                    touchedAt[i0] = touchedAt[i1] = clock;
-                    v0.position = p;
+                    movedAt[i0] = clock;
+                    positions[i0] = load(p);
                     for (int k = 0; k < 10; ++k) v0.quadric[k] += v1.quadric[k];
                     const size_t start = refs.size();
                     updateTriangles(i0, v0, flags0, deletedTriangles);
@@ -566,18 +639,23 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
                 if (triangleCount - deletedTriangles <= targetTriangles) break;
             }
         }
-        // A pass that collapsed nothing on a freshly refreshed mesh leaves every
-        // piece of state as it found it, so the following passes repeat it
-        // exactly until the threshold crosses a stored error: skip them.
-        if (!collapsedSinceRefresh) {
+        // A pass that collapsed nothing changed nothing but flag bits, and the
+        // next pass makes the same decisions (so the same flag writes) unless
+        // the threshold crosses a stored error: such passes are skipped. Once
+        // no later threshold crosses one, every remaining pass is a no-op and
+        // the loop ends. A refresh reorders refs and so the flag writes of the
+        // passes after it; it is run, with its pass, unless nothing collapsed
+        // since the last one, when it rebuilds the same refs.
+        if (!collapsedThisPass) {
             // The live errors nearest the threshold on either side, found once:
             // no error lies between two thresholds exactly when neither of
             // these does. NaN thresholds keep the full scan.
             bool anyAbove = false, anyBelow = false;
             float above = 0.0f, below = 0.0f;
-            for (const Triangle& t : triangles) {
-                if (t.deleted) continue;
-                for (const float e : t.error) {
+            for (size_t ti = 0; ti < triangles.size(); ++ti) {
+                if (triangles[ti].deleted) continue;
+                for (int j = 0; j < 3; ++j) {
+                    const float e = errorOf(ti, j);
                     if (e >= threshold && (!anyAbove || e < above)) above = e, anyAbove = true;
                     if (e <= threshold && (!anyBelow || e > below)) below = e, anyBelow = true;
                 }
@@ -588,18 +666,22 @@ void MeshReducerPrivate::reduce(const float* inVertices, const uint16_t* inIndic
                 if (next < threshold) return !(anyBelow && below >= next);
                 return true;
             };
-            while (iteration + 1 < 100 && same(thresholdAt(iteration + 1, aggressiveness))) ++iteration;
+            int next = iteration + 1;
+            while (next < 100 && same(thresholdAt(next, aggressiveness))) ++next;
+            if (next == 100) break;
+            const int nextRefresh = (iteration / 5 + 1) * 5;
+            iteration = (collapsedSinceRefresh ? std::min(next, nextRefresh) : next) - 1;
         }
     }
 
     compact();
     if (normalize && scale != 0.0f && scale != 1.0f)
-        for (Vertex& v : vertices) v.position = Vec3{v.position.x * scale, v.position.y * scale, v.position.z * scale};
+        for (float4& p : positions) p = make4(lane<0>(p) * scale, lane<1>(p) * scale, lane<2>(p) * scale, 0.0f);
 
     if (vertices.empty() || triangles.empty()) return;
     outVertices.resize(vertices.size());
     for (size_t i = 0; i < vertices.size(); ++i) {
-        const Vec3 p = vertices[i].position;
+        const Vec3 p = toVec3(positions[i]);
         outVertices[i] = make4(p.x, p.y, p.z, 1.0f);
     }
     outIndices.resize(checkedMul<size_t>(triangles.size(), 3));

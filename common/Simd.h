@@ -511,6 +511,33 @@ ZELK_INLINE float4 max(float4 a, float4 b) {
 #endif
 }
 
+// Minimum and maximum for lanes known to be numbers: where neither input is
+// NaN they equal min and max above, save that of -0 and +0 either may come
+// out. One instruction on every backend instead of three blends on x86.
+ZELK_INLINE float4 minNumber(float4 a, float4 b) {
+#if defined(ZELK_NEON)
+    return {vminq_f32(a.v, b.v)};
+#elif defined(ZELK_SSE41)
+    return {_mm_min_ps(a.v, b.v)};
+#else
+    float4 r;
+    for (int i = 0; i < 4; ++i) r.v[i] = a.v[i] < b.v[i] ? a.v[i] : b.v[i];
+    return r;
+#endif
+}
+
+ZELK_INLINE float4 maxNumber(float4 a, float4 b) {
+#if defined(ZELK_NEON)
+    return {vmaxq_f32(a.v, b.v)};
+#elif defined(ZELK_SSE41)
+    return {_mm_max_ps(a.v, b.v)};
+#else
+    float4 r;
+    for (int i = 0; i < 4; ++i) r.v[i] = a.v[i] > b.v[i] ? a.v[i] : b.v[i];
+    return r;
+#endif
+}
+
 ZELK_INLINE float4 abs(float4 a) {
 #if defined(ZELK_NEON)
     return {vabsq_f32(a.v)};

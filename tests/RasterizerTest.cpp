@@ -246,7 +246,7 @@ TEST(Rasterizer, RandomQuadsStayWithinExactCoverageAndDepth) {
                 for (const auto& q : baked.quads) {
                     const double d = std::min(lineSlack(q[0], q[1], q[2], x + 0.5, y + 0.5),
                                               lineSlack(q[2], q[3], q[0], x + 0.5, y + 0.5));
-                    if (d > 0.75) continue;
+                    if (d > 0.75 || d == 0.0) continue; // inside: the exact depth holds
                     nearest = std::min(nearest, d);
                     const double dmax = std::max({q[0].d, q[1].d, q[2].d, q[3].d});
                     allowed = std::max(allowed, testing_support::rapidCode(float(dmax)));
@@ -368,7 +368,12 @@ TEST(Rasterizer, QuadsCrossingTheNearPlaneAreClipped) {
     for (int trial = 0; trial < 200; ++trial) {
         std::vector<float4> vertices;
         for (int q = 0; q < 3; ++q) {
-            const double x0 = -8 + 16 * unit(rng), y0 = -8 + 7.5 * unit(rng), z0 = trial % 2 ? -5.0 : 0.2;
+            // Every fourth strip starts just below the eye so that its clipped-off
+            // part would land on screen.
+            const bool low = trial % 4 == 2;
+            const double x0 = low ? -0.3 * unit(rng) : -8 + 16 * unit(rng);
+            const double y0 = low ? -0.02 - 0.1 * unit(rng) : -8 + 7.5 * unit(rng);
+            const double z0 = trial % 2 ? -5.0 : q == 0 ? 0.6 : 0.2; // behind the eye or in front of the near plane
             const double x1 = x0 + 4 * unit(rng), y1 = y0 + 4 * unit(rng), z1 = 5 + 25 * unit(rng);
             // A strip rising from below the eye (z0) to far away (z1): clockwise on screen.
             vertices.insert(vertices.end(),
@@ -508,6 +513,9 @@ TEST(Rasterizer, BoxTestsAgainstABakedWall) {
     EXPECT_TRUE(ask(-1, -1, -0.5f, 1, 1, 30));
     EXPECT_TRUE(clip);
     EXPECT_EQ(7.0f, fraction);
+    clip = false;
+    EXPECT_TRUE(ask(-1, -1, 0.02f, 1, 1, 30)); // w = 0.02 < 0.001 * 29.98
+    EXPECT_TRUE(clip);
     // A box in front of the near plane (w = 0.5 > 0.03) but not of the eye is not
     // guarded: its nearest code saturates to 65535, which no pixel reaches.
     EXPECT_TRUE(ask(-1, -1, 0.5f, 1, 1, 30));

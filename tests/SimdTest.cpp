@@ -143,6 +143,15 @@ TEST(Simd, MinMaxPropagateNaNAndOrderSignedZeros) {
     checkBinary(
         values, [](float4 a, float4 b) { return max(a, b); }, refMax, "max");
 
+    // The number-only forms agree wherever no NaN is involved (signed zeros compare equal).
+    const auto numbersOnly = [](float a, float b, float r) { return std::isnan(a) || std::isnan(b) ? 0.0f : r; };
+    checkBinary(
+        values, [](float4 a, float4 b) { return select(isNaN(a) | isNaN(b), zero4(), minNumber(a, b) + zero4()); },
+        [&](float a, float b) { return numbersOnly(a, b, refMin(a, b) + 0.0f); }, "minNumber");
+    checkBinary(
+        values, [](float4 a, float4 b) { return select(isNaN(a) | isNaN(b), zero4(), maxNumber(a, b) + zero4()); },
+        [&](float a, float b) { return numbersOnly(a, b, refMax(a, b) + 0.0f); }, "maxNumber");
+
     EXPECT_TRUE(std::isnan(horizontalMin(make4(1.0f, kNaN, -5.0f, 3.0f))));
     EXPECT_TRUE(std::isnan(horizontalMax(make4(1.0f, 2.0f, 3.0f, kNaN))));
     EXPECT_EQ(-5.0f, horizontalMin(make4(1.0f, 7.0f, -5.0f, 3.0f)));
@@ -328,6 +337,19 @@ TEST(Simd, SixteenBitLanes) {
     EXPECT_EQ(1, out[7]);
     EXPECT_EQ(0, out[4]);
     EXPECT_EQ(0x0C, out[5]); // min 60 = 0x3C, masked by 0xFF0F
+
+    // Unsigned view of signed lanes: negatives are huge, so they saturate high.
+    storeU16(out, narrowSaturateUnsigned(makeInt4(-5, 70000, 65535, 0), makeInt4(1, INT32_MIN, INT32_MAX, 65536)));
+    const uint16_t unsignedExpected[8] = {65535, 65535, 65535, 0, 1, 65535, 65535, 65535};
+    for (int i = 0; i < 8; ++i) EXPECT_EQ(unsignedExpected[i], out[i]) << i;
+    // Byte i of a 64-bit mask into the top of lane i; then row r's lanes from bit 7 - r.
+    const ushort8 bytes = bytesToHighU16(0x8001FF00402000F1ull);
+    storeU16(out, bytes);
+    EXPECT_EQ(0xF100, out[0]);
+    EXPECT_EQ(0x8000, out[7]);
+    storeU16(out, topBitAfterShift<2>(bytes)); // bit 5 of each byte: 0xF1, 0x00, 0x20, 0x40, 0x00, 0xFF, 0x01, 0x80
+    const uint16_t row2[8] = {65535, 0, 65535, 0, 0, 65535, 0, 0};
+    for (int i = 0; i < 8; ++i) EXPECT_EQ(row2[i], out[i]) << i;
 }
 
 TEST(Simd, ShufflesAndGeometry) {

@@ -1,7 +1,6 @@
 // Whole frames through the exported functions: raw occluders drawn by the
 // masked rasteriser, boxes answered by batch queries.
 #include "common/Occluder.h"
-#include "common/QuadDecomposition.h"
 #include "engine/ZELKPrivate.h"
 #include "support/RapidReference.h"
 #include "support/TestMeshes.h"
@@ -173,28 +172,9 @@ TEST_F(FrameFixture, HostGarbageNeverCrashes) {
 
 namespace {
 
-// The baked group of a mesh at full detail, as the background loader makes it.
-std::shared_ptr<common::OccluderGroup> bakeGroup(const testing_support::Mesh& mesh) {
-    std::vector<common::float4> vertices;
-    for (size_t v = 0; v < mesh.vertices.size(); v += 3)
-        vertices.push_back(common::make4(mesh.vertices[v], mesh.vertices[v + 1], mesh.vertices[v + 2], 1.0f));
-    std::vector<uint32_t> quads =
-        common::QuadDecomposition::decompose(std::vector<uint32_t>(mesh.indices.begin(), mesh.indices.end()), vertices);
-    while (!quads.empty() && quads.size() % 16 != 0) quads.push_back(quads.front());
-    common::float4 lo = common::splat(INFINITY), hi = common::splat(-INFINITY);
-    for (const common::float4& v : vertices) {
-        lo = common::min(lo, v);
-        hi = common::max(hi, v);
-    }
-    std::vector<common::float4> expanded;
-    for (uint32_t q : quads) expanded.push_back(vertices[q]);
-    auto group = std::make_shared<common::OccluderGroup>();
-    group->addOccluder(common::Occluder::bake(expanded, lo, hi), 0);
-    return group;
-}
-
 void cacheMesh(const testing_support::Mesh& mesh) {
-    ZELK::ZELKPrivate::peek()->getCacheManager()->cache(mesh.vertices.data(), mesh.indices.data(), bakeGroup(mesh));
+    ZELK::ZELKPrivate::peek()->getCacheManager()->cache(mesh.vertices.data(), mesh.indices.data(),
+                                                        testing_support::bakeFullDetail(mesh));
 }
 
 } // namespace

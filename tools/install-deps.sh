@@ -8,9 +8,12 @@
 #   tools/install-deps.sh demo    just what the demo needs
 set -euo pipefail
 
-packages=(cmake ninja-build g++ make)
-if [ "${1:-all}" != demo ]; then
-  packages+=(git clang-format-14 clang-tidy-14 clang-14 libclang-rt-14-dev llvm-14 valgrind pkg-config
+# The demo host's libraries are in both lists, so that the tests' demo smoke run builds too.
+packages=(cmake ninja-build g++ make pkg-config libassimp-dev libzip-dev libpng-dev libcli11-dev)
+if [ "${1:-all}" = demo ]; then
+  packages+=(openarena-081-maps)
+else
+  packages+=(git clang-format-14 clang-tidy-14 clang-14 libclang-rt-14-dev llvm-14 valgrind
              libgtest-dev libbenchmark-dev binutils g++-aarch64-linux-gnu qemu-user
              libboost-graph-dev libassimp-dev assimp-testmodels glmark2-data libmeshoptimizer-dev)
 fi

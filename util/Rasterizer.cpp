@@ -39,17 +39,15 @@ ushort8 rowLanes(ushort8 highBytes, int r) {
     }
 }
 
-// Sign of p on the magnitude of e.
-float4 copySign(float4 e, float4 p) {
-    const int4 sign = splatInt(int32_t(0x80000000u));
-    return asFloat(andNot(asInt(e), sign) | (asInt(p) & sign));
-}
-
 // True when any lane is negative (sign bit set, -0 included) and not NaN:
-// the box lies wholly outside that plane.
-bool outsideAnyPlane(const float4 planes[4], float4 c2x, float4 c2y, float4 c2z, float4 ex, float4 ey, float4 ez) {
-    const float4 v = planes[0] * (c2x + copySign(ex, planes[0])) + planes[1] * (c2y + copySign(ey, planes[1])) +
-                     planes[2] * (c2z + copySign(ez, planes[2])) + planes[3] * splat(2.0f);
+// the box lies wholly outside that plane. planes[0..2] carry the x, y, z
+// coefficients, planes[3] the constant, signs[k] the sign bits of planes[k];
+// e holds magnitudes, so OR-ing a sign in gives e with the plane's sign.
+bool outsideAnyPlane(const float4 planes[4], const int4 signs[3], float4 c2x, float4 c2y, float4 c2z, float4 ex,
+                     float4 ey, float4 ez) {
+    const float4 v = planes[0] * (c2x + asFloat(asInt(ex) | signs[0])) +
+                     planes[1] * (c2y + asFloat(asInt(ey) | signs[1])) +
+                     planes[2] * (c2z + asFloat(asInt(ez) | signs[2])) + planes[3] * splat(2.0f);
     return signMask(andNot(asInt(v), isNaN(v))) != 0;
 }
 
@@ -112,6 +110,10 @@ Rasterizer::Rasterizer() : localToClip(new RasterizerLocalToClip()) {
     rasterizationTable.assign(kRasterizationTable, kRasterizationTable + kTableSize);
     for (auto& group : planeLanes)
         for (float4& v : group) v = zero4();
+    for (auto& group : planeSigns)
+        for (int4& v : group) v = splatInt(0);
+    for (auto& component : screenSplat)
+        for (float4& v : component) v = zero4();
 }
 
 Rasterizer::~Rasterizer() { delete localToClip; }
@@ -150,6 +152,8 @@ void Rasterizer::setModelViewProjection(const Matrix4x4& m) {
     t.screenColumns[1] = sy;
     t.screenColumns[2] = sz;
     t.screenColumns[3] = sw;
+    for (int k = 0; k < 4; ++k)
+        for (int c = 0; c < 4; ++c) screenSplat[c][k] = splat(lane(t.screenColumns[k], c));
     t.calcFrustum();
     for (size_t g = 0; g < 2; ++g) {
         float4 p0 = t.frustumPlanes[4 * g], p1 = t.frustumPlanes[4 * g + 1];
@@ -159,6 +163,7 @@ void Rasterizer::setModelViewProjection(const Matrix4x4& m) {
         planeLanes[g][1] = p1;
         planeLanes[g][2] = p2;
         planeLanes[g][3] = p3;
+        for (int k = 0; k < 3; ++k) planeSigns[g][k] = asInt(planeLanes[g][k]) & splatInt(int32_t(0x80000000u));
     }
 }
 
@@ -495,26 +500,31 @@ void Rasterizer::drawQuad(const QuadSetup& s) {
 }
 
 bool Rasterizer::queryVisibility(float4 boundsMin, float4 boundsMax, bool& needsClipping, float& screenFraction) const {
+    return testBox<true>(boundsMin, boundsMax, needsClipping, screenFraction);
+}
+
+// The fraction costs a conversion and a division that plain queries, which
+// discard it, need not pay.
+template <bool withFraction>
+bool Rasterizer::testBox(float4 boundsMin, float4 boundsMax, bool& needsClipping, float& screenFraction) const {
     // A box with a non-finite corner gives no reliable answer: visible.
     if (!allTrue(isFinite(boundsMin) & isFinite(boundsMax))) return true;
     const float4 c2 = boundsMin + boundsMax, e = boundsMax - boundsMin;
     const float4 c2x = splatLane<0>(c2), c2y = splatLane<1>(c2), c2z = splatLane<2>(c2);
-    const float4 ex = splatLane<0>(e), ey = splatLane<1>(e), ez = splatLane<2>(e);
-    if (outsideAnyPlane(planeLanes[0], c2x, c2y, c2z, ex, ey, ez)) return false;
-    if (outsideAnyPlane(planeLanes[1], c2x, c2y, c2z, ex, ey, ez)) return false;
+    const float4 magnitude = abs(e); // an inverted box keeps its extents' size
+    const float4 ex = splatLane<0>(magnitude), ey = splatLane<1>(magnitude), ez = splatLane<2>(magnitude);
+    if (outsideAnyPlane(planeLanes[0], planeSigns[0], c2x, c2y, c2z, ex, ey, ez)) return false;
+    if (outsideAnyPlane(planeLanes[1], planeSigns[1], c2x, c2y, c2z, ex, ey, ez)) return false;
 
     // The eight corners: x alternates fastest, then y; z is the second vector.
-    const RasterizerLocalToClip& t = *localToClip;
     const float4 xs = make4(lane<0>(boundsMin), lane<0>(boundsMax), lane<0>(boundsMin), lane<0>(boundsMax));
     const float4 ys = make4(lane<1>(boundsMin), lane<1>(boundsMin), lane<1>(boundsMax), lane<1>(boundsMax));
     const float4 zNear = splatLane<2>(boundsMin), zFar = splatLane<2>(boundsMax);
     float4 p[4][2];
     for (int c = 0; c < 4; ++c) {
-        const float4 col0 = splat(lane(t.screenColumns[0], c)), col1 = splat(lane(t.screenColumns[1], c));
-        const float4 col2 = splat(lane(t.screenColumns[2], c)), col3 = splat(lane(t.screenColumns[3], c));
-        const float4 xy = xs * col0 + ys * col1;
-        p[c][0] = (xy + zNear * col2) + col3;
-        p[c][1] = (xy + zFar * col2) + col3;
+        const float4 xy = xs * screenSplat[c][0] + ys * screenSplat[c][1];
+        p[c][0] = (xy + zNear * screenSplat[c][2]) + screenSplat[c][3];
+        p[c][1] = (xy + zFar * screenSplat[c][2]) + screenSplat[c][3];
     }
     // Near guard, relative to the box's size; written so that NaN counts as near.
     const float4 limit = splat(0.001f * std::max(std::max(lane<0>(e), lane<1>(e)), lane<2>(e)));
@@ -527,14 +537,21 @@ bool Rasterizer::queryVisibility(float4 boundsMin, float4 boundsMax, bool& needs
 
     const float4 r0 = rcp(p[3][0]), r1 = rcp(p[3][1]);
     const float4 x0 = p[0][0] * r0, x1 = p[0][1] * r1, y0 = p[1][0] * r0, y1 = p[1][1] * r1;
-    const float4 lo = make4(horizontalMin(min(x0, x1)), horizontalMin(min(y0, y1)), 0.0f, 0.0f);
-    const float4 hi = make4(horizontalMax(max(x0, x1)), horizontalMax(max(y0, y1)), 0.0f, 0.0f);
-    const float4 limits = make4(float(width - 1), float(height - 1), 0.0f, 0.0f);
-    const int4 a = roundToInt(max(min(lo, limits), zero4())), b = roundToInt(max(min(hi, limits), zero4()));
-    if (!allTrue(isFinite(lo) & isFinite(hi))) return true;
-    const int minX = lane<0>(a), minY = lane<1>(a), maxX = lane<0>(b), maxY = lane<1>(b);
+    // A corner that is not a number leaves nothing reliable: visible. Past
+    // this check the extremes need no NaN handling.
+    if (!allTrue(isFinite(x0) & isFinite(x1) & isFinite(y0) & isFinite(y1))) return true;
+    // Lane-wise extremes of (x, y, x, y), then one transpose gathers
+    // (min x, min y, max x, max y) across the four lanes.
+    float4 a = minNumber(x0, x1), b = minNumber(y0, y1), c = maxNumber(x0, x1), d = maxNumber(y0, y1);
+    transpose(a, b, c, d);
+    const float4 lows = minNumber(minNumber(a, b), minNumber(c, d));
+    const float4 highs = maxNumber(maxNumber(a, b), maxNumber(c, d));
+    const float4 rect = select(makeInt4(-1, -1, 0, 0), lows, highs);
+    const float4 limits = make4(float(width - 1), float(height - 1), float(width - 1), float(height - 1));
+    const int4 bounds = roundToInt(maxNumber(minNumber(rect, limits), zero4()));
+    const int minX = lane<0>(bounds), minY = lane<1>(bounds), maxX = lane<2>(bounds), maxY = lane<3>(bounds);
     if (minX > maxX || minY > maxY) return false;
-    screenFraction = float(unsigned(maxX - minX) * unsigned(maxY - minY)) / float(width * height);
+    if (withFraction) screenFraction = float(unsigned(maxX - minX) * unsigned(maxY - minY)) / float(width * height);
     const uint16_t depth = horizontalMax(packDepthPremultiplied(p[2][0] * r0, p[2][1] * r1));
     return query2D(unsigned(minX), unsigned(maxX), unsigned(minY), unsigned(maxY), depth);
 }
@@ -546,16 +563,10 @@ bool Rasterizer::query2D(unsigned minX, unsigned maxX, unsigned minY, unsigned m
     const unsigned bx0 = minX >> 3, bx1 = maxX >> 3, by0 = minY >> 3, by1 = maxY >> 3;
     const ushort8 q = splatU16(depth);
 
-    // Coarse: some block's conservative depth must not be nearer than the box.
-    bool candidate = false;
-    for (unsigned by = by0; by <= by1 && !candidate; ++by)
-        for (unsigned run = bx0; run <= bx1 && !candidate; run += 8) {
-            const ushort8 depths = loaduU16(&blockDepth[size_t(by) * blocksX + run]);
-            candidate = (byteMask(cmpGe(q, depths)) & runMask(bx1 - run + 1)) != 0;
-        }
-    if (!candidate) return false;
-
-    // Fine: pixels of blocks strictly farther than the box.
+    // The described coarse pass (is any block not nearer than the box?) is
+    // implied by this one, which only ever looks inside blocks strictly
+    // farther than the box: when none is, it reads no pixel and answers
+    // hidden, as the coarse pass would. One pass gives the same answers.
     for (unsigned by = by0; by <= by1; ++by)
         for (unsigned run = bx0; run <= bx1; run += 8) {
             const size_t rowStart = size_t(by) * blocksX;
@@ -584,8 +595,8 @@ bool Rasterizer::query(const float* boundsMin, const float* boundsMax) const {
     float screenFraction = 0.0f;
     const float4 one = make4(0.0f, 0.0f, 0.0f, 1.0f);
     const int4 xyz = makeInt4(-1, -1, -1, 0);
-    return queryVisibility(select(xyz, load3(boundsMin), one), select(xyz, load3(boundsMax), one), needsClipping,
-                           screenFraction);
+    return testBox<false>(select(xyz, load3(boundsMin), one), select(xyz, load3(boundsMax), one), needsClipping,
+                          screenFraction);
 }
 
 } // namespace util

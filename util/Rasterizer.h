@@ -78,6 +78,8 @@ private:
     struct QuadSetup;
     void drawBatch(const ScreenBatch& batch);
     void drawQuad(const QuadSetup& quad);
+    template <bool withFraction>
+    bool testBox(common::float4 boundsMin, common::float4 boundsMax, bool& needsClipping, float& screenFraction) const;
 
     RasterizerLocalToClip* localToClip;
     std::vector<uint64_t> rasterizationTable;
@@ -86,6 +88,10 @@ private:
     unsigned width = 0, height = 0, blocksX = 0, blocksY = 0;
     // The frustum planes transposed (x, y, z, d of planes 0-3, then 4-5 twice).
     common::float4 planeLanes[2][4];
+    common::int4 planeSigns[2][3]; // their sign bits, x, y, z
+
+    // screenColumns element by element, each in all four lanes: [component][column].
+    common::float4 screenSplat[4][4];
 };
 
 } // namespace util

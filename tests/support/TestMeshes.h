@@ -2,7 +2,10 @@
 // benchmark executable compiles these files too).
 #pragma once
 
+#include "common/OccluderGroup.h"
+
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 namespace testing_support {
@@ -22,5 +25,9 @@ Mesh makeBox(float minX, float minY, float minZ, float maxX, float maxY, float m
 // Flat grid in the plane z = z0 spanning [x0, x1] x [y0, y1] with n x n quads
 // ((n+1)^2 vertices, 2n^2 triangles), counter-clockwise seen from +z.
 Mesh makeGrid(int n, float x0, float y0, float x1, float y1, float z0);
+
+// The mesh paired into quads and baked at full detail, alone in a group's
+// level 0: what the background loader makes of a small mesh.
+std::shared_ptr<common::OccluderGroup> bakeFullDetail(const Mesh& mesh);
 
 } // namespace testing_support
