@@ -4,6 +4,8 @@
 
 #include "engine/ZELKPrivate.h"
 
+#include <cstring>
+
 using ZELK::ZELKPrivate;
 
 namespace {
@@ -49,7 +51,12 @@ ZELK_API int zelkSubmitOccluder(const float* vertices, const uint16_t* indices, 
                                 uint32_t indexCount, RigidType rigidType, const float* model) {
     ZELKPrivate* engine = ZELKPrivate::Get();
     if (engine == nullptr || vertices == nullptr || indices == nullptr || vertexCount == 0 || indexCount == 0) return 0;
-    const auto rigid = static_cast<ZELKPrivate::RigidType>(static_cast<uint32_t>(rigidType));
+    // A C host may pass any int here. In C++ an enum holding a value outside
+    // its enumerators must not be read as the enum, so read its bytes.
+    static_assert(sizeof(rigidType) == sizeof(uint32_t), "RigidType is int-sized");
+    uint32_t rawRigid;
+    std::memcpy(&rawRigid, &rigidType, sizeof rawRigid);
+    const auto rigid = rawRigid == ZELK_RIGID ? ZELKPrivate::RIGID : ZELKPrivate::NON_RIGID;
     return engine->submitOccluder(vertices, indices, vertexCount, indexCount, rigid, model) ? 1 : 0;
 }
 

@@ -13,7 +13,7 @@ Matrix4x4 Matrix4x4::fromColumnMajor(const float* p) {
 }
 
 void Matrix4x4::toColumnMajor(float* p) const {
-    for (int j = 0; j < 4; ++j) storeu4(p + 4 * j, columns[j]);
+    for (size_t j = 0; j < 4; ++j) storeu4(p + 4 * j, columns[j]);
 }
 
 bool Matrix4x4::operator==(const Matrix4x4& other) const {

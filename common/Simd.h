@@ -1057,7 +1057,7 @@ ZELK_INLINE float horizontalMax(float4 a) {
     return lane<0>(max(m, swizzle<1, 0, 3, 2>(m)));
 }
 
-// x*x + y*y + z*z of the first three lanes.
+// a.x*b.x + a.y*b.y + a.z*b.z, summed in that order; w is ignored.
 ZELK_INLINE float dot3(float4 a, float4 b) {
     const float4 p = a * b;
     return (lane<0>(p) + lane<1>(p)) + lane<2>(p);
@@ -1259,7 +1259,9 @@ ZELK_INLINE uint16_t horizontalMax(ushort8 a) {
 #endif
 }
 
-// Two bits per lane (lane i gives bits 2i and 2i+1), set where the lane's top bit is set.
+// The top bit of each of the sixteen bytes, in memory order: lane i gives
+// bit 2i (its bit 7) and bit 2i+1 (its bit 15). For comparison results, whose
+// lanes are all ones or all zeros, both bits of a lane agree.
 ZELK_INLINE unsigned byteMask(ushort8 a) {
 #if defined(ZELK_NEON)
     static const int8_t shifts[16] = {0, 1, 2, 3, 4, 5, 6, 7, 0, 1, 2, 3, 4, 5, 6, 7};

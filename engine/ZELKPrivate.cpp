@@ -128,7 +128,9 @@ bool ZELKPrivate::query(const float*, const float*) const { return false; }
 
 bool ZELKPrivate::batchQuery(const float* boxes, uint32_t count, bool* results) {
     if (boxes == nullptr || count == 0 || results == nullptr) return false;
-    common::checkedMul<uint32_t>(count, 6); // box offsets must fit 32 bits
+    // More boxes than 32-bit float offsets (6 * count) can reach end the
+    // process; checked once here, the size_t offsets below cannot wrap.
+    common::checkedMul<uint32_t>(count, 6);
     const uint32_t plainCount = frameInfo->plainCount;
     const uint32_t rapidCount = frameInfo->rapidCount;
     if (plainCount != 0) plainRasterizer->setModelViewProjection(frameInfo->viewProjection);

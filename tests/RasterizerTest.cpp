@@ -596,6 +596,30 @@ TEST(Rasterizer, BoxTestsAgainstABakedWall) {
     EXPECT_TRUE(front.query(nullptr, behind));
 }
 
+TEST(Rasterizer, TwistedQuadCrossingTheNearPlaneFourTimes) {
+    // Corners alternately at z = 5 and z = 0.5 (behind the near plane z = 1):
+    // clipping leaves a hexagon, symmetric about the screen centre, with
+    // corners at NDC (-0.4,-0.4), (-0.578,0.133), (-0.133,0.578), (0.4,0.4),
+    // (0.578,-0.133), (0.133,-0.578) (the crossings at t = 0.889 and 0.111
+    // along the edges, by hand). Found by BakedFuzz: the sixth vertex was
+    // written past the clip buffer, and the second half was never drawn.
+    const std::vector<float4> quad = {make4(-2, -2, 5, 1), make4(-0.4f, 0.4f, 0.5f, 1), make4(2, 2, 5, 1),
+                                      make4(0.4f, -0.4f, 0.5f, 1)};
+    const auto occluder = common::Occluder::bake(quad, make4(-2, -2, 0.5f, 1), make4(2, 2, 5, 1));
+    for (int clipped = 0; clipped < 2; ++clipped) {
+        Rasterizer r;
+        r.setResolution(32, 32);
+        r.setModelViewProjection(common::Matrix4x4::fromColumnMajor(kPerspective));
+        (clipped ? r.rasterize<true>(*occluder) : r.rasterize<false>(*occluder));
+        // Pixel (i, j) has its centre at NDC ((i + 0.5) / 16 - 1, (j + 0.5) / 16 - 1), row 0 at the bottom.
+        EXPECT_GT(r.pixelDepth(11, 20), 0) << clipped; // (-0.28, 0.28): first half, k0 e01 e12 k2
+        EXPECT_GT(r.pixelDepth(20, 11), 0) << clipped; // (0.28, -0.28): second half, k0 k2 e23 e30
+        EXPECT_GT(r.pixelDepth(16, 16), 0) << clipped; // the centre
+        EXPECT_EQ(0, r.pixelDepth(27, 27)) << clipped; // (0.72, 0.72): beyond corner (0.4, 0.4)
+        EXPECT_EQ(0, r.pixelDepth(4, 4)) << clipped;   // (-0.72, -0.72): beyond corner (-0.4, -0.4)
+    }
+}
+
 TEST(Rasterizer, HostileInputStaysInBounds) {
     // Garbage packed words, reference boxes and matrices (NaN, infinities, huge
     // values): nothing may be written outside the buffers (address sanitizer)

@@ -2,9 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include "common/Indices.h"
+
+#include <algorithm>
 #include <cmath>
 #include <limits>
-#include <numeric>
+#include <random>
 #include <vector>
 
 using ZELK::ZELKFrameInfo;
@@ -169,15 +172,26 @@ TEST_F(FrameFixture, DiffFrameRules) {
 }
 
 TEST(IndexScan, AgreesWithBruteForce) {
-    std::vector<uint16_t> indices(100);
-    std::iota(indices.begin(), indices.end(), uint16_t(0));
-    for (uint32_t n = 1; n <= 100; ++n) {
-        // The largest of the first n indices is n - 1.
-        EXPECT_TRUE(ZELK::indicesInRange(indices.data(), n, n));
-        EXPECT_FALSE(ZELK::indicesInRange(indices.data(), n, n - 1));
-        // Unaligned start.
-        if (n < 100) {
-            EXPECT_FALSE(ZELK::indicesInRange(indices.data() + 1, n, n));
+    // Reference: std::max_element over the same span. Every count 0..40 at
+    // every start offset 0..7 covers the eight-wide body, the scalar tail and
+    // each lane; a single large index at each position catches a lost lane.
+    std::mt19937 rng(11u);
+    std::vector<uint16_t> pool(48);
+    for (uint16_t& i : pool) i = uint16_t(rng() % 1000u);
+    for (size_t offset = 0; offset < 8; ++offset)
+        for (size_t n = 0; n <= 40; ++n) {
+            const uint16_t* p = pool.data() + offset;
+            const uint16_t expected = n == 0 ? 0 : *std::max_element(p, p + n);
+            ASSERT_EQ(expected, common::largestIndex(p, n)) << offset << " " << n;
+            EXPECT_TRUE(ZELK::indicesInRange(p, uint32_t(n), uint32_t(expected) + 1));
+            if (n != 0) {
+                EXPECT_FALSE(ZELK::indicesInRange(p, uint32_t(n), expected));
+            }
         }
+    std::vector<uint16_t> spike(37, 5);
+    for (size_t at = 0; at < spike.size(); ++at) {
+        spike[at] = 65535;
+        EXPECT_EQ(65535, common::largestIndex(spike.data(), spike.size())) << at;
+        spike[at] = 5;
     }
 }

@@ -1,6 +1,10 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs, only those missing.
-#   tools/install-deps.sh         everything: tests, sanitizers, aarch64, benchmarks
+#   tools/install-deps.sh         everything tools/run-tests.sh uses: tests,
+#                                 sanitizers, aarch64, benchmarks, fuzzing,
+#                                 valgrind, static analysis, the package check
+# The clang tools are pinned to version 14 (Debian 12): formatting and the
+# analyser's findings change between releases.
 #   tools/install-deps.sh demo    just what the demo needs
 set -euo pipefail
 
@@ -9,7 +13,8 @@ packages=(cmake ninja-build g++ make pkg-config libassimp-dev libzip-dev libpng-
 if [ "${1:-all}" = demo ]; then
   packages+=(openarena-081-maps)
 else
-  packages+=(clang-format libgtest-dev libbenchmark-dev binutils g++-aarch64-linux-gnu qemu-user
+  packages+=(git clang-format-14 clang-tidy-14 clang-14 libclang-rt-14-dev llvm-14 valgrind
+             libgtest-dev libbenchmark-dev binutils g++-aarch64-linux-gnu qemu-user
              libboost-graph-dev libassimp-dev assimp-testmodels glmark2-data libmeshoptimizer-dev)
 fi
 

@@ -330,13 +330,13 @@ private:
     int ClipTriangleAndAddToBuffer(float4 vX[3], float4 vY[3], float4 vW[3], ClippedTriangle* ring, int& writeIndex,
                                    unsigned& laneMask, unsigned clipLanes, ClipPlanes clipPlaneMask) const;
     int projectAndRasterize(float4 vX[3], float4 vY[3], float4 vW[3], unsigned laneMask, BackfaceWinding winding);
-    template <bool TestZ> int RasterizeTriangleBatch(float4 pVtxX[3], float4 pVtxY[3], float4 pVtxZ[3],
-                                                     unsigned laneMask, const ScissorRect& scissor);
+    int RasterizeTriangleBatch(float4 pVtxX[3], float4 pVtxY[3], float4 pVtxZ[3], unsigned laneMask,
+                               const ScissorRect& scissor);
     void rasterizeTriangle(const float* xs, const float* ys, const float* zs, float zx, float zy, int32_t bbMinX,
                            int32_t bbMaxX, int32_t bbMinY, int32_t bbMaxY);
-    template <int TestZ, int NRight, int NLeft>
-    int TraverseScanline(int first, int end, int rowBase, int rightIdx, int leftIdx, const int4* events,
-                         const float4& zTriMin, const float4& zTriMax, const float4& iz0, float zx);
+    template <int NRight, int NLeft> void TraverseScanline(int first, int end, int rowBase, int rightIdx, int leftIdx,
+                                                           const int4* events, const float4& zTriMin,
+                                                           const float4& zTriMax, const float4& iz0, float zx);
     void reserveTransformed(size_t vertexCount);
 
     void* (*allocCallback)(size_t alignment, size_t size);
@@ -577,7 +577,7 @@ int MaskedOcclusionCullingPrivate::projectAndRasterize(float4 vX[3], float4 vY[3
     if (unsigned(winding) & 2u) laneMask &= ~positiveBits;
     if (unsigned(winding) & 1u) laneMask &= positiveBits;
     if (laneMask == 0) return OutsideView;
-    return RasterizeTriangleBatch<false>(sx, sy, sz, laneMask, fullscreenScissor);
+    return RasterizeTriangleBatch(sx, sy, sz, laneMask, fullscreenScissor);
 }
 
 int MaskedOcclusionCullingPrivate::RenderTriangles(const float* vertices, const uint16_t* triangles, int triangleCount,
@@ -685,10 +685,8 @@ int MaskedOcclusionCullingPrivate::RenderTriangles(const float* vertices, const 
 
 // ---------------------------------------------------------------- rasterization
 
-template <bool TestZ> int MaskedOcclusionCullingPrivate::RasterizeTriangleBatch(float4 pVtxX[3], float4 pVtxY[3],
-                                                                                float4 pVtxZ[3], unsigned laneMask,
-                                                                                const ScissorRect& scissor) {
-    static_assert(!TestZ, "only the writing form is used");
+int MaskedOcclusionCullingPrivate::RasterizeTriangleBatch(float4 pVtxX[3], float4 pVtxY[3], float4 pVtxZ[3],
+                                                          unsigned laneMask, const ScissorRect& scissor) {
     static const int4 kTileMaskX = common::splatInt(~31);
     static const int4 kTileMaskY = common::splatInt(~3);
 
@@ -858,15 +856,15 @@ void MaskedOcclusionCullingPrivate::rasterizeTriangle(const float* xs, const flo
                 const int rowBase = row * tilesWidth;
                 if (useUpper && useLower) {
                     if (midRight)
-                        TraverseScanline<0, 2, 1>(first, end, rowBase, rightIdx, leftIdx, events, zTriMin, zTriMax, iz0,
-                                                  zxTile);
+                        TraverseScanline<2, 1>(first, end, rowBase, rightIdx, leftIdx, events, zTriMin, zTriMax, iz0,
+                                               zxTile);
                     else
-                        TraverseScanline<0, 1, 2>(first, end, rowBase, rightIdx, leftIdx, events, zTriMin, zTriMax, iz0,
-                                                  zxTile);
+                        TraverseScanline<1, 2>(first, end, rowBase, rightIdx, leftIdx, events, zTriMin, zTriMax, iz0,
+                                               zxTile);
                 } else {
                     const int r = midRight ? (useUpper ? 0 : 1) : rightIdx;
                     const int l = midRight ? leftIdx : (useUpper ? 1 : 2);
-                    TraverseScanline<0, 1, 1>(first, end, rowBase, r, l, events, zTriMin, zTriMax, iz0, zxTile);
+                    TraverseScanline<1, 1>(first, end, rowBase, r, l, events, zTriMin, zTriMax, iz0, zxTile);
                 }
             }
         }
@@ -876,11 +874,10 @@ void MaskedOcclusionCullingPrivate::rasterizeTriangle(const float* xs, const flo
     }
 }
 
-template <int TestZ, int NRight, int NLeft>
-int MaskedOcclusionCullingPrivate::TraverseScanline(int first, int end, int rowBase, int rightIdx, int leftIdx,
-                                                    const int4* events, const float4& zTriMin, const float4& zTriMax,
-                                                    const float4& iz0, float zx) {
-    static_assert(TestZ == 0, "only the writing form is used");
+template <int NRight, int NLeft>
+void MaskedOcclusionCullingPrivate::TraverseScanline(int first, int end, int rowBase, int rightIdx, int leftIdx,
+                                                     const int4* events, const float4& zTriMin, const float4& zTriMax,
+                                                     const float4& iz0, float zx) {
     const int4 zero = common::splatInt(0);
     int4 right = NRight == 2 ? common::min(events[rightIdx], events[rightIdx + 1]) : events[rightIdx];
     int4 left = NLeft == 2 ? common::max(events[leftIdx], events[leftIdx + 1]) : events[leftIdx];
@@ -904,7 +901,6 @@ int MaskedOcclusionCullingPrivate::TraverseScanline(int first, int end, int rowB
         right = common::max(right - tileWidth, zero);
         z = z + zStep;
     }
-    return 0;
 }
 
 // ---------------------------------------------------------------- rectangle and box tests

@@ -164,7 +164,7 @@ void Rasterizer::setModelViewProjection(const Matrix4x4& m) {
     for (int k = 0; k < 4; ++k)
         for (int c = 0; c < 4; ++c) screenSplat[c][k] = splat(lane(t.screenColumns[k], c));
     t.calcFrustum();
-    for (int g = 0; g < 2; ++g) {
+    for (size_t g = 0; g < 2; ++g) {
         float4 p0 = t.frustumPlanes[4 * g], p1 = t.frustumPlanes[4 * g + 1];
         float4 p2 = g == 0 ? t.frustumPlanes[2] : p0, p3 = g == 0 ? t.frustumPlanes[3] : p1;
         transpose(p0, p1, p2, p3);
@@ -347,7 +347,9 @@ template <bool possiblyNearClipped> void Rasterizer::rasterize(const Occluder& o
         for (int j = 0; j < 4; ++j) {
             if (direct & (1u << j)) continue;
             // Sutherland-Hodgman against the near plane in homogeneous space.
-            float out[5][4];
+            // A quad that is not flat can cross it four times (corners alternately
+            // in front and behind), leaving six vertices.
+            float out[6][4];
             int n = 0;
             for (int k = 0; k < 4; ++k) {
                 const int k1 = (k + 1) & 3;
@@ -362,7 +364,7 @@ template <bool possiblyNearClipped> void Rasterizer::rasterize(const Occluder& o
                 }
             }
             if (n < 3) continue;
-            float v[5][3];
+            float v[6][3];
             bool usable = true;
             for (int i = 0; i < n; ++i) {
                 const float w = out[i][3];
@@ -374,6 +376,7 @@ template <bool possiblyNearClipped> void Rasterizer::rasterize(const Occluder& o
             if (n == 3) emit(v, 0, 1, 2, 2);
             if (n >= 4) emit(v, 0, 1, 2, 3);
             if (n == 5) emit(v, 0, 3, 4, 4);
+            if (n == 6) emit(v, 0, 3, 4, 5);
         }
     }
     flushPending();
