@@ -5,12 +5,6 @@
 
 namespace demo {
 
-namespace {
-// Relative slack of the box depth test, far below one step of a 24-bit depth
-// buffer: faces lying on an occluder's surface count as passing.
-constexpr double kDepthSlack = 1e-5;
-} // namespace
-
 void ReferenceDepth::setup(int width, int height, float nearPlane, bool snap) {
     snapOccluders = snap;
     w = width;
@@ -129,7 +123,7 @@ template <typename Plot> void ReferenceDepth::rasterBox(const float* box, const 
     }
 }
 
-BoxCoverage ReferenceDepth::testBox(const float* box, const Mat4& m) {
+BoxCoverage ReferenceDepth::testBox(const float* box, const Mat4& m, double slack) {
     BoxCoverage result;
     double minW = INFINITY;
     bool outside[4] = {true, true, true, true}; // beyond +x, -x, +y, -y for every corner
@@ -161,7 +155,7 @@ BoxCoverage ReferenceDepth::testBox(const float* box, const Mat4& m) {
             float& d = scratch[size_t(y) * size_t(w) + size_t(x)];
             if (d == 0.0f) continue;
             ++result.covered;
-            if (double(d) >= double(buffer[size_t(y) * size_t(w) + size_t(x)]) * (1.0 - kDepthSlack)) ++result.visible;
+            if (double(d) >= double(buffer[size_t(y) * size_t(w) + size_t(x)]) * (1.0 - slack)) ++result.visible;
             d = 0.0f;
         }
     return result;

@@ -26,7 +26,11 @@ public:
     void clear();
     // Draws a mesh's triangles under modelToClip.
     void drawMesh(const Mesh& mesh, const Mat4& modelToClip);
-    BoxCoverage testBox(const float* box, const Mat4& viewProjection);
+    // slack: relative depth by which a box face may lie behind an occluder and
+    // still pass. The default is far below one step of a 24-bit depth buffer,
+    // so faces lying on an occluder's surface count as passing.
+    static constexpr double kDepthSlack = 1e-5;
+    BoxCoverage testBox(const float* box, const Mat4& viewProjection, double slack = kDepthSlack);
     // For pictures: every pixel the box's faces cover, with the face's 1/w (a pixel may come more than once).
     void boxPixels(const float* box, const Mat4& viewProjection,
                    const std::function<void(int, int, float)>& plot) const;
