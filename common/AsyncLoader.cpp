@@ -189,7 +189,7 @@ bool AsyncLoader::levelMesh(const OccluderRaw& record, unsigned lod, std::vector
             const float* p = record.vertices + 3 * size_t(v);
             vertices[v] = make4(p[0], p[1], p[2], 1.0f);
         }
-        indices.assign(record.indices, record.indices + record.indexCount / 3 * 3);
+        indices.assign(record.indices, record.indices + size_t(record.indexCount / 3) * 3);
         return true;
     }
     // The target counts vertices but is handed over as a triangle count,

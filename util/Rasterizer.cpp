@@ -498,7 +498,6 @@ void Rasterizer::drawQuad(const QuadSetup& s) {
     for (int by = s.by0; by <= s.by1; ++by) {
         const float4 rowBase = s.base + s.incY * splat(float(by));
         const float diagRow = s.diagBase + s.diagIncY * float(by);
-        const float backRow = s.backBase + s.backIncY * float(by);
         const size_t rowStart = size_t(by) * blocksX;
         for (int run = s.bx0; run <= s.bx1; run += 8) {
             // Blocks already at least as near as the quad's nearest corner are skipped unseen.
@@ -522,7 +521,7 @@ void Rasterizer::drawQuad(const QuadSetup& s) {
                     const uint64_t diag = table[s.diagSlope + column] | s.diagForce;
                     uint64_t back = ~diag;
                     if (ZELK_EXACT_COVERAGE) {
-                        const float backOffset = backRow + s.backIncX * float(bx);
+                        const float backOffset = (s.backBase + s.backIncY * float(by)) + s.backIncX * float(bx);
                         const int backColumn =
                             lane<0>(min(max(truncToInt(splat(backOffset)), splatInt(0)), splatInt(63)));
                         back = table[s.backSlope + backColumn] | s.backForce;
