@@ -199,6 +199,25 @@ bool AsyncLoader::levelMesh(const OccluderRaw& record, unsigned lod, std::vector
     return false;
 }
 
+std::shared_ptr<Occluder> AsyncLoader::bakeLevel(const std::vector<float4>& vertices,
+                                                 const std::vector<uint32_t>& indices, std::vector<float4>& expanded) {
+    std::vector<uint32_t> quads = QuadDecomposition::decompose(indices, vertices);
+    if (!quads.empty()) quads.resize((quads.size() + kBatchIndices - 1) / kBatchIndices * kBatchIndices, quads[0]);
+
+    float4 lo = zero4(), hi = zero4();
+    if (!vertices.empty()) {
+        lo = splat(INFINITY);
+        hi = splat(-INFINITY);
+        for (const float4& v : vertices) {
+            lo = min(lo, v);
+            hi = max(hi, v);
+        }
+    }
+    expanded.resize(quads.size());
+    for (size_t i = 0; i < quads.size(); ++i) expanded[i] = vertices[quads[i]];
+    return Occluder::bake(expanded, lo, hi);
+}
+
 void AsyncLoader::load(const OccluderRaw& record) {
     std::weak_ptr<CacheManager> cacheRef;
     {
@@ -208,28 +227,13 @@ void AsyncLoader::load(const OccluderRaw& record) {
     if (cacheRef.expired() || !bakeable(record)) return;
 
     const auto group = std::make_shared<OccluderGroup>();
-    std::vector<float4> levelVertices, expanded;
+    std::vector<float4> levelVertices, expanded; // kept across levels for their storage
     std::vector<uint32_t> levelIndices;
     for (unsigned lod = 0; lod < 3; ++lod) {
         if (stopRequested) return; // the cache dies with the engine: nothing to finish
         const bool last = levelMesh(record, lod, levelVertices, levelIndices);
 
-        std::vector<uint32_t> quads = QuadDecomposition::decompose(levelIndices, levelVertices);
-        if (!quads.empty()) quads.resize((quads.size() + kBatchIndices - 1) / kBatchIndices * kBatchIndices, quads[0]);
-
-        float4 lo = zero4(), hi = zero4();
-        if (!levelVertices.empty()) {
-            lo = splat(INFINITY);
-            hi = splat(-INFINITY);
-            for (const float4& v : levelVertices) {
-                lo = min(lo, v);
-                hi = max(hi, v);
-            }
-        }
-        expanded.resize(quads.size());
-        for (size_t i = 0; i < quads.size(); ++i) expanded[i] = levelVertices[quads[i]];
-
-        group->addOccluder(Occluder::bake(expanded, lo, hi), lod);
+        group->addOccluder(bakeLevel(levelVertices, levelIndices, expanded), lod);
         if (last) break;
     }
     if (const std::shared_ptr<CacheManager> cache = cacheRef.lock())

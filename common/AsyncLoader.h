@@ -59,6 +59,11 @@ public:
     static bool levelMesh(const OccluderRaw& record, unsigned lod, std::vector<float4>& vertices,
                           std::vector<uint32_t>& indices);
 
+    // One level baked: paired into quads (padded to whole batches of four
+    // with copies of the first index), expanded, and packed in the box of the
+    // level's own vertices. expanded is scratch, passed in for its storage.
+    static std::shared_ptr<Occluder> bakeLevel(const std::vector<float4>& vertices,
+                                               const std::vector<uint32_t>& indices, std::vector<float4>& expanded);
     // True when the mesh stages accept the mesh: arrays present, at least one
     // whole triangle, every index of a whole triangle below vertexCount.
     static bool bakeable(const OccluderRaw& record);

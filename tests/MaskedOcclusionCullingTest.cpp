@@ -300,40 +300,6 @@ TEST(MaskedOcclusionCulling, CoverageMatchesReferenceExactly) {
         for (int lane = 0; lane < 4; ++lane) EXPECT_NEAR(d.referenceDepth[lane], 0.5f, kDepthTolerance);
 }
 
-TEST(MaskedOcclusionCulling, RandomScenesAreConservative) {
-    const int w = 128, h = 64;
-    std::mt19937 rng(77);
-    std::uniform_int_distribution<int> coordX(-30, w + 30), coordY(-30, h + 30);
-    std::uniform_real_distribution<float> depth(1.0f, 20.0f), ndc(-1.2f, 1.2f), wmins(0.5f, 25.0f);
-    int occluded = 0, visible = 0;
-    for (int scene = 0; scene < 40; ++scene) {
-        auto m = makeMoc(w, h);
-        ReferenceRasterizer ref(w, h);
-        std::vector<Tri> tris;
-        for (int i = 0; i < 60; ++i) {
-            tris.push_back({{coordX(rng), coordX(rng), coordX(rng)},
-                            {coordY(rng), coordY(rng), coordY(rng)},
-                            {depth(rng), depth(rng), depth(rng)}});
-            ref.draw(tris.back().screen());
-        }
-        for (size_t first = 0; first < tris.size(); first += 7) // batches with tails
-            render(*m, std::vector<Tri>(tris.begin() + first, tris.begin() + std::min(tris.size(), first + 7)));
-
-        expectFinishedBehind(*m, ref);
-        for (int q = 0; q < 300; ++q) {
-            float x0 = ndc(rng), x1 = ndc(rng), y0 = ndc(rng), y1 = ndc(rng);
-            if (x0 > x1) std::swap(x0, x1);
-            if (y0 > y1) std::swap(y0, y1);
-            if (q % 2) x1 = x0 + (x1 - x0) * 0.1f, y1 = y0 + (y1 - y0) * 0.1f;
-            const bool hidden = rectHidden(*m, ref, x0, y0, x1, y1, wmins(rng));
-            occluded += hidden;
-            visible += !hidden;
-        }
-    }
-    EXPECT_GT(occluded, 500);
-    EXPECT_GT(visible, 500);
-}
-
 TEST(MaskedOcclusionCulling, Clipping) {
     const int w = 128, h = 64;
     auto m = makeMoc(w, h);

@@ -27,7 +27,8 @@ public:
 
     // Either winding; keeps the nearest D per pixel. With dilate > 0 a pixel
     // also counts when its centre lies within dilate pixels outside each of
-    // the lines through the edges (how a per-edge coverage table errs).
+    // the lines through the edges (how a per-edge coverage table errs); with
+    // dilate < 0 only centres at least -dilate inside every edge count.
     void drawTriangle(const ScreenVertex& a, const ScreenVertex& b, const ScreenVertex& c, double dilate = 0.0);
     // Clip-space (x, y, z, w) triangle, clipped to the near plane z >= -w.
     void drawClipTriangle(const std::array<double, 4>& a, const std::array<double, 4>& b,

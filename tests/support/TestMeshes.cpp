@@ -1,9 +1,6 @@
 #include "support/TestMeshes.h"
 
-#include "common/Occluder.h"
-#include "common/QuadDecomposition.h"
-
-#include <cmath>
+#include "common/AsyncLoader.h"
 
 namespace testing_support {
 
@@ -42,21 +39,13 @@ Mesh makeGrid(int n, float x0, float y0, float x1, float y1, float z0) {
 }
 
 std::shared_ptr<common::OccluderGroup> bakeFullDetail(const Mesh& mesh) {
-    std::vector<common::float4> vertices;
+    std::vector<common::float4> vertices, expanded;
     for (size_t v = 0; v + 2 < mesh.vertices.size(); v += 3)
         vertices.push_back(common::make4(mesh.vertices[v], mesh.vertices[v + 1], mesh.vertices[v + 2], 1.0f));
-    std::vector<uint32_t> quads =
-        common::QuadDecomposition::decompose(std::vector<uint32_t>(mesh.indices.begin(), mesh.indices.end()), vertices);
-    while (!quads.empty() && quads.size() % 16 != 0) quads.push_back(quads.front());
-    common::float4 lo = common::splat(INFINITY), hi = common::splat(-INFINITY);
-    for (const common::float4& v : vertices) {
-        lo = common::min(lo, v);
-        hi = common::max(hi, v);
-    }
-    std::vector<common::float4> expanded;
-    for (uint32_t q : quads) expanded.push_back(vertices[q]);
     auto group = std::make_shared<common::OccluderGroup>();
-    group->addOccluder(common::Occluder::bake(expanded, lo, hi), 0);
+    group->addOccluder(common::AsyncLoader::bakeLevel(
+                           vertices, std::vector<uint32_t>(mesh.indices.begin(), mesh.indices.end()), expanded),
+                       0);
     return group;
 }
 
