@@ -74,7 +74,6 @@ public:
     size_t blockDepthSize() const { return blockDepth.size(); }
     size_t depthBufferSize() const { return depthBuffer.size(); }
     const std::vector<uint64_t>& getRasterizationTable() const { return rasterizationTable; }
-    const RasterizerLocalToClip& getLocalToClip() const { return *localToClip; }
     // The stored tables, kTableSize entries each; a rasteriser copies the
     // conservative one in exact-coverage builds.
     static const uint64_t* storedRasterizationTable();
