@@ -90,10 +90,6 @@ inline float4 normalized4(float4 a) {
     return a;
 }
 
-inline float det3(float a11, float a12, float a13, float a21, float a22, float a23, float a31, float a32, float a33) {
-    return a11 * a22 * a33 + a13 * a21 * a32 + a12 * a23 * a31 - a13 * a22 * a31 - a11 * a23 * a32 - a12 * a21 * a33;
-}
-
 // (iteration + 3)^aggressiveness * 1e-9 in double, rounded to float; the
 // constant is 1e-9 rounded to float.
 inline float thresholdAt(int iteration, float aggressiveness) {
@@ -219,7 +215,7 @@ float MeshReducerPrivate::calculateError(uint32_t i0, uint32_t i1, Vec3& result,
     if (ignoreBorders || !(v0.border && v1.border)) {
         // The minimiser of the quadric solves a 3x3 system (Cramer's rule). The
         // four determinants (system, then the numerators of x, y, z) side by
-        // side, each lane with det3's operations in det3's order:
+        // side, each lane expanded in the same order (the rounding matters):
         //   [aa ab ac]  [ab ac ad]  [aa ac ad]  [aa ab ad]
         //   [ab bb bc]  [bb bc bd]  [ab bc bd]  [ab bb bd]
         //   [ac bc cc]  [bc cc cd]  [ac cc cd]  [ac bc cd]

@@ -57,11 +57,12 @@ public:
     List find(uint32_t from, uint32_t to) const {
         const Entry* first = entries.data() + start[from];
         const Entry* last = entries.data() + start[size_t(from) + 1];
-        if (last - first <= kLinear) {
-            while (first != last && first->to != to) ++first;
-        } else {
-            first = std::lower_bound(first, last, to, [](const Entry& e, uint32_t key) { return e.to < key; });
+        if (last - first > kLinear) {
+            const auto range = std::equal_range(first, last, Entry{to, 0, 0},
+                                                [](const Entry& x, const Entry& y) { return x.to < y.to; });
+            return List{range.first, range.second};
         }
+        while (first != last && first->to != to) ++first;
         const Entry* end = first;
         while (end != last && end->to == to) ++end;
         return List{first, end};
@@ -72,6 +73,21 @@ private:
     std::vector<uint32_t> start; // entries of vertex v: [start[v], start[v + 1])
     std::vector<Entry> entries;
 };
+
+// Pairs are looked for only across edges that at most this many triangles
+// run along in each direction. A closed mesh has one each way; a pile of
+// coincident triangles on one edge would make the pairing graph quadratic in
+// their number (seconds for a few thousand), for no quad worth having.
+constexpr std::ptrdiff_t kMaxTrianglesPerEdge = 16;
+
+// The triangles running next->cur, when the edge is not crowded.
+EdgeMap::List pairable(const EdgeMap& edges, uint32_t cur, uint32_t next) {
+    const EdgeMap::List reversed = edges.find(next, cur);
+    const EdgeMap::List along = edges.find(cur, next);
+    if (reversed.last - reversed.first > kMaxTrianglesPerEdge || along.last - along.first > kMaxTrianglesPerEdge)
+        return EdgeMap::List{reversed.first, reversed.first};
+    return reversed;
+}
 
 // n scaled by the unrefined reciprocal-square-root estimate of its squared
 // length; the 0.5-unit test below tolerates its error. A zero n gives NaN,
@@ -105,7 +121,7 @@ std::vector<uint32_t> QuadDecomposition::decompose(const std::vector<uint32_t>& 
         for (int j = 0; j < 3; ++j) {
             const uint32_t cur = corner[j], next = corner[(j + 1) % 3], third = corner[(j + 2) % 3];
             const float4 vCur = vertices[cur], vNext = vertices[next], vThird = vertices[third];
-            const EdgeMap::List list = edges.find(next, cur);
+            const EdgeMap::List list = pairable(edges, cur, next);
             for (const EdgeMap::Entry* e = list.first; e != list.last; ++e) {
                 const EdgeMap::Entry& entry = *e;
                 if (entry.triangle > t) break;
@@ -142,7 +158,7 @@ std::vector<uint32_t> QuadDecomposition::decompose(const std::vector<uint32_t>& 
         bool emitted = false;
         for (int j = 0; j < 3; ++j) {
             const uint32_t cur = corner[j], next = corner[(j + 1) % 3], third = corner[(j + 2) % 3];
-            const EdgeMap::List list = edges.find(next, cur);
+            const EdgeMap::List list = pairable(edges, cur, next);
             const EdgeMap::Entry* e = list.first;
             const EdgeMap::Entry* scanEnd = emitted && list.first != list.last ? list.first + 1 : list.last;
             while (e != scanEnd && e->triangle != uint32_t(m)) ++e;

@@ -65,6 +65,29 @@ TEST(QuadDecomposition, SmallCases) {
     // only if its list starts with 2, so edge 2->1 gives nothing.
     EXPECT_EQ(QuadDecomposition::decompose({0, 1, 2, 2, 1, 3, 1, 0, 2}, w),
               (Indices{0, 2, 1, 2, 2, 1, 0, 1, 2, 3, 1, 2}));
+
+    // A flat book: `ahead` pages run 0->1, `back` pages 1->0, any two facing
+    // pages pair, so a maximum matching leaves max(ahead, back) quads. An edge
+    // with over 16 pages either way pairs nothing.
+    const auto book = [](uint32_t ahead, uint32_t back) {
+        std::vector<float> xyz = {0, 0, 0, 1, 0, 0};
+        Indices indices;
+        for (uint32_t p = 0; p < ahead + back; ++p) {
+            const uint32_t spine[2] = {p < ahead ? 0u : 1u, p < ahead ? 1u : 0u};
+            xyz.insert(xyz.end(), {0.05f * float(p), p < ahead ? 1.0f : -1.0f, 0});
+            indices.insert(indices.end(), {spine[0], spine[1], 2 + p});
+        }
+        return QuadDecomposition::decompose(indices, toVectors(xyz)).size() / 4;
+    };
+    EXPECT_EQ(book(16, 3), 16u);
+    EXPECT_EQ(book(3, 16), 16u);
+    EXPECT_EQ(book(16, 16), 16u);
+    EXPECT_EQ(book(17, 3), 20u);
+    EXPECT_EQ(book(3, 17), 20u);
+    // 21,845 copies of a point (the most 16-bit indices hold) once took minutes.
+    const Indices pile(3 * 21845, 0);
+    const Indices quads = QuadDecomposition::decompose(pile, toVectors({2, 3, 4}));
+    EXPECT_EQ(quads, Indices(4 * 21845, 0));
 }
 
 // Exact quads against the reference: grids and a box (whose perfect pairings

@@ -14,10 +14,6 @@ using common::float4;
 
 namespace {
 
-// The decomposition is quadratic in the triangles sharing one edge (open);
-// see MeshStagesFuzz.cpp.
-constexpr size_t kMaxDecomposedIndices = 3 * 512;
-
 float4 readPoint(Reader& in) {
     float p[3];
     in.floats(p, 3);
@@ -43,8 +39,7 @@ std::shared_ptr<common::Occluder> bakeMesh(Reader& in) {
     std::vector<float4> vertices(mesh.vertices.size() / 3);
     for (size_t v = 0; v < vertices.size(); ++v)
         vertices[v] = common::make4(mesh.vertices[3 * v], mesh.vertices[3 * v + 1], mesh.vertices[3 * v + 2], 1.0f);
-    std::vector<uint32_t> indices(mesh.indices.begin(), mesh.indices.end());
-    if (indices.size() > kMaxDecomposedIndices) indices.resize(kMaxDecomposedIndices);
+    const std::vector<uint32_t> indices(mesh.indices.begin(), mesh.indices.end());
     std::vector<float4> corners;
     for (uint32_t i : common::QuadDecomposition::decompose(indices, vertices)) corners.push_back(vertices[i]);
     float4 refMin, refMax;
@@ -67,7 +62,8 @@ std::shared_ptr<common::Occluder> arbitraryBaked(Reader& in) {
     for (float4* b : boxes) *b = readPoint(in);
     occluder->packedVertices.resize(size_t(in.u8()) * 4 + in.u8() % 4);
     for (common::int4& word : occluder->packedVertices) {
-        const int32_t w[4] = {int32_t(in.u32()), int32_t(in.u32()), int32_t(in.u32()), int32_t(in.u32())};
+        int32_t w[4];
+        in.bytes(w, sizeof w);
         word = common::makeInt4(w[0], w[1], w[2], w[3]);
     }
     return occluder;

@@ -22,7 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         switch (op) {
         case OpInit:
         case OpConfig: {
-            const uint32_t width = in.u16(), height = in.u16();
+            const uint32_t width = engineSize(in, 1920), height = engineSize(in, 1080);
             const float nearPlane = in.f32();
             (op == OpInit ? zelkInit : zelkConfig)(width, height, nearPlane);
             break;

@@ -38,7 +38,11 @@ Writer hostWall(uint8_t rigidType) {
     w.u8(OpMesh);
     writeMesh(w, wall, indices);
     for (int round = 0; round < 2; ++round) {
-        w.u8(OpInit), w.u16(640), w.u16(360), w.f32(0.1f);
+        // 160x96 both ways (small buffers keep executions fast).
+        if (round == 0)
+            w.u8(OpInit), w.u8(20), w.u8(12), w.f32(0.1f);
+        else
+            w.u8(OpInit), w.u8(kRawSize), w.u16(160), w.u8(kRawSize), w.u16(96), w.f32(0.1f);
         for (int frame = 0; frame < 2; ++frame) {
             w.u8(OpFrame), w.u8(0), w.floats(vp, 16);
             w.u8(OpSubmit), w.u8(0), w.u8(rigidType), w.u8(0), w.u16(0), w.floats(kIdentity, 16);
@@ -56,7 +60,7 @@ Writer cityFrames(const testing_support::CityScene& city, int buildings, bool ri
     Writer w;
     w.u8(OpMesh);
     writeMesh(w, city.meshes[0].vertices, city.meshes[0].indices);
-    w.u8(OpInit), w.u16(320), w.u16(184), w.f32(city.nearPlane);
+    w.u8(OpInit), w.u8(20), w.u8(11), w.f32(city.nearPlane); // 160x88
     const std::vector<float> boxes = testing_support::makeCityQueryBoxes(city, 16, 7u);
     for (int frame = 0; frame < 3; ++frame) {
         w.u8(OpFrame), w.u8(0), w.floats(city.viewProjection.data(), 16);

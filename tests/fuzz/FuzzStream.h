@@ -25,8 +25,16 @@ public:
         std::memcpy(&f, &bits, sizeof f);
         return f;
     }
-    void floats(float* out, size_t count) {
-        for (size_t i = 0; i < count; ++i) out[i] = f32();
+    // In bulk: a mesh may claim 65,535 vertices from a short input, and byte
+    // reads under the fuzzer's comparison tracing would dominate the run.
+    void floats(float* out, size_t count) { bytes(out, count * sizeof(float)); }
+    void u16s(uint16_t* out, size_t count) { bytes(out, count * sizeof(uint16_t)); }
+    // Little-endian hosts only, as every target of the library is.
+    void bytes(void* out, size_t n) {
+        const size_t available = pos < size ? size - pos : 0, taken = n < available ? n : available;
+        if (taken != 0) std::memcpy(out, data + pos, taken);
+        if (taken != n) std::memset(static_cast<uint8_t*>(out) + taken, 0, n - taken);
+        pos += taken;
     }
 
 private:
@@ -58,10 +66,19 @@ public:
     }
 };
 
-// A buffer size in pixels from one byte: multiples of 8 up to 312 for most
-// values, the largest the engine accepts (maxPixels) for the top sixteen. Big
-// buffers cost time per input, so they are rare but always reachable.
-inline unsigned bufferSize(uint8_t b, unsigned maxPixels) { return b >= 240 ? maxPixels : 8u * (b % 40u); }
+// A buffer size in pixels from one byte: multiples of 8 up to 312, and the
+// largest the engine accepts (maxPixels) for 255 only. A full-size buffer
+// costs a hundred times a typical one to set up and clear under the
+// sanitizers, so it is rare, but always one byte away.
+inline unsigned bufferSize(uint8_t b, unsigned maxPixels) { return b == 255 ? maxPixels : 8u * (b % 40u); }
+
+// A size the C interface may refuse: as bufferSize, except that bytes 240 to
+// 254 are followed by any 16-bit value (odd, zero or too large sizes).
+constexpr uint8_t kRawSize = 240;
+inline uint32_t engineSize(Reader& in, unsigned maxPixels) {
+    const uint8_t b = in.u8();
+    return b >= kRawSize && b < 255 ? in.u16() : bufferSize(b, maxPixels);
+}
 
 // A mesh as the targets read it: vertex count, `components` floats per vertex
 // (xyz, or xyzw in clip space), index count, indices. The counts are free;
@@ -76,7 +93,7 @@ inline Mesh readMesh(Reader& in, size_t components = 3) {
     m.vertices.resize(size_t(in.u16()) * components);
     in.floats(m.vertices.data(), m.vertices.size());
     m.indices.resize(in.u16());
-    for (uint16_t& i : m.indices) i = in.u16();
+    in.u16s(m.indices.data(), m.indices.size());
     return m;
 }
 
@@ -94,7 +111,7 @@ namespace fuzzing {
 
 // Operations of the C-interface target, one byte each, then their operands.
 enum EngineOp : uint8_t {
-    OpInit,    // u16 width, u16 height, f32 near
+    OpInit,    // width, height (see engineSize), f32 near
     OpConfig,  // as OpInit
     OpFrame,   // u8 null flags (bit 0 frameParams, bit 1 matrix), 16 f32 view-projection
     OpMesh,    // a new mesh kept for the whole input (see readMesh)

@@ -38,6 +38,12 @@ std::vector<uint32_t> referenceDecompose(const std::vector<uint32_t>& indices,
         return P{common::lane<0>(vertices[i]), common::lane<1>(vertices[i]), common::lane<2>(vertices[i])};
     };
 
+    // Edges that more than 16 triangles run along in either direction pair nothing.
+    std::unordered_map<uint64_t, size_t> runs;
+    for (size_t t = 0; t < triangles; ++t)
+        for (int j = 0; j < 3; ++j) ++runs[key(indices[3 * t + size_t(j)], indices[3 * t + size_t(j + 1) % 3])];
+    const auto crowded = [&](uint32_t a, uint32_t b) { return runs[key(a, b)] > 16 || runs[key(b, a)] > 16; };
+
     std::unordered_map<uint64_t, std::vector<std::pair<uint32_t, uint32_t>>> edges; // (triangle, opposite)
     Graph graph(triangles);
     for (uint32_t t = 0; t < triangles; ++t) {
@@ -45,6 +51,7 @@ std::vector<uint32_t> referenceDecompose(const std::vector<uint32_t>& indices,
         for (int j = 0; j < 3; ++j) edges[key(c[j], c[(j + 1) % 3])].emplace_back(t, c[(j + 2) % 3]);
         for (int j = 0; j < 3; ++j) {
             const uint32_t cur = c[j], next = c[(j + 1) % 3], third = c[(j + 2) % 3];
+            if (crowded(cur, next)) continue;
             for (const auto& [t2, opp] : edges[key(next, cur)]) {
                 const P toOpp = sub(at(opp), at(third));
                 const float d1 = dot(toOpp, roughUnit(cross(sub(at(opp), at(cur)), sub(at(next), at(cur)))));
@@ -68,6 +75,7 @@ std::vector<uint32_t> referenceDecompose(const std::vector<uint32_t>& indices,
         if (uint32_t(m) <= t) continue;
         bool emitted = false;
         for (int j = 0; j < 3; ++j) {
+            if (crowded(c[j], c[(j + 1) % 3])) continue;
             const auto& list = edges[key(c[(j + 1) % 3], c[j])];
             for (size_t e = 0; e < list.size() && (!emitted || e == 0); ++e)
                 if (list[e].first == uint32_t(m)) {
