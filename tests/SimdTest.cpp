@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <limits>
 #include <random>
@@ -27,8 +28,11 @@ uint32_t bits(float f) {
 ::testing::AssertionResult sameFloat(float expected, float actual) {
     if (std::isnan(expected) && std::isnan(actual)) return ::testing::AssertionSuccess();
     if (bits(expected) == bits(actual)) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "expected " << expected << " (0x" << std::hex << bits(expected) << ") got "
-                                         << actual << " (0x" << bits(actual) << ")";
+    // AssertionResult formats each operand on its own, so std::hex would not stick.
+    char text[96];
+    std::snprintf(text, sizeof text, "expected %g (0x%08x) got %g (0x%08x)", double(expected), bits(expected),
+                  double(actual), bits(actual));
+    return ::testing::AssertionFailure() << text;
 }
 
 struct Lanes {
@@ -40,6 +44,13 @@ Lanes toLanes(float4 a) {
     storeu4(r.v, a);
     return r;
 }
+
+// Every lane as sameFloat sees it (NaN for any NaN, zeros by sign).
+void expectLanes(float4 v, Lanes expected, int line) {
+    const Lanes got = toLanes(v);
+    for (int k = 0; k < 4; ++k) EXPECT_TRUE(sameFloat(expected.v[k], got.v[k])) << "line " << line << " lane " << k;
+}
+#define EXPECT_LANES(v, ...) expectLanes(v, Lanes{{__VA_ARGS__}}, __LINE__)
 
 std::vector<float> interestingFloats() {
     return {0.0f,          -0.0f,         1.0f,           -1.0f,          0.5f,        -2.5f, 3.5f,  1e-40f,
@@ -80,20 +91,9 @@ TEST(Simd, ArithmeticMatchesScalarIEEE) {
     checkBinary(
         values, [](float4 a, float4 b) { return a / b; }, [](float a, float b) { return a / b; }, "div");
 
-    const Lanes n = toLanes(-make4(1.0f, 0.0f, -kInf, -2.0f));
-    EXPECT_TRUE(sameFloat(-1.0f, n.v[0]));
-    EXPECT_TRUE(sameFloat(-0.0f, n.v[1]));
-    EXPECT_TRUE(sameFloat(kInf, n.v[2]));
-    EXPECT_TRUE(sameFloat(2.0f, n.v[3]));
-    const Lanes a = toLanes(abs(make4(-0.0f, -3.0f, -kInf, 2.0f)));
-    EXPECT_TRUE(sameFloat(0.0f, a.v[0]));
-    EXPECT_TRUE(sameFloat(3.0f, a.v[1]));
-    EXPECT_TRUE(sameFloat(kInf, a.v[2]));
-    const Lanes s = toLanes(sqrt(make4(4.0f, 2.0f, -1.0f, kInf)));
-    EXPECT_EQ(2.0f, s.v[0]);
-    EXPECT_EQ(std::sqrt(2.0f), s.v[1]);
-    EXPECT_TRUE(std::isnan(s.v[2]));
-    EXPECT_EQ(kInf, s.v[3]);
+    EXPECT_LANES(-make4(1.0f, 0.0f, -kInf, -2.0f), -1.0f, -0.0f, kInf, 2.0f);
+    EXPECT_LANES(abs(make4(-0.0f, -3.0f, -kInf, 2.0f)), 0.0f, 3.0f, kInf, 2.0f);
+    EXPECT_LANES(sqrt(make4(4.0f, 2.0f, -1.0f, kInf)), 2.0f, std::sqrt(2.0f), kNaN, kInf);
 }
 
 TEST(Simd, FusedMultiplyAddRoundsOnce) {
@@ -118,12 +118,8 @@ TEST(Simd, FusedMultiplyAddRoundsOnce) {
         const Lanes r = toLanes(fmadd(loadu4(x), loadu4(y), loadu4(z)));
         for (int k = 0; k < 4; ++k) ASSERT_TRUE(sameFloat(std::fma(x[k], y[k], z[k]), r.v[k]));
     }
-    const Lanes special =
-        toLanes(fmadd(make4(kInf, 0.0f, kNaN, 1e30f), make4(1.0f, kInf, 1.0f, 1e30f), make4(-kInf, 1.0f, 1.0f, -kInf)));
-    EXPECT_TRUE(std::isnan(special.v[0]));
-    EXPECT_TRUE(std::isnan(special.v[1]));
-    EXPECT_TRUE(std::isnan(special.v[2]));
-    EXPECT_EQ(-kInf, special.v[3]);
+    EXPECT_LANES(fmadd(make4(kInf, 0.0f, kNaN, 1e30f), make4(1.0f, kInf, 1.0f, 1e30f), make4(-kInf, 1.0f, 1.0f, -kInf)),
+                 kNaN, kNaN, kNaN, -kInf);
 }
 
 TEST(Simd, MinMaxPropagateNaNAndOrderSignedZeros) {
@@ -186,27 +182,13 @@ TEST(Simd, ConversionsSaturateLikeNeon) {
         EXPECT_EQ(c.round, lane<0>(roundToInt(splat(c.in)))) << c.in;
         EXPECT_EQ(c.trunc, lane<3>(truncToInt(make4(0, 0, 0, c.in)))) << c.in;
     }
-    const Lanes rn = toLanes(roundNearest(make4(2.5f, -3.5f, 0.5f, -0.4f)));
-    EXPECT_EQ(2.0f, rn.v[0]);
-    EXPECT_EQ(-4.0f, rn.v[1]);
-    EXPECT_TRUE(sameFloat(0.0f, rn.v[2]));
-    EXPECT_TRUE(sameFloat(-0.0f, rn.v[3]));
-    const Lanes tr = toLanes(truncate(make4(2.9f, -2.9f, kInf, kNaN)));
-    EXPECT_EQ(2.0f, tr.v[0]);
-    EXPECT_EQ(-2.0f, tr.v[1]);
-    EXPECT_EQ(kInf, tr.v[2]);
-    EXPECT_TRUE(std::isnan(tr.v[3]));
-
-    const Lanes f = toLanes(toFloat(makeInt4(16777217, -3, INT32_MIN, INT32_MAX)));
-    EXPECT_EQ(16777216.0f, f.v[0]); // ties to even
-    EXPECT_EQ(-3.0f, f.v[1]);
-    EXPECT_EQ(-2147483648.0f, f.v[2]);
-    EXPECT_EQ(2147483648.0f, f.v[3]);
-    const Lanes u = toLanes(toFloatUnsigned(makeInt4(-1, int32_t(0x80000001u), 16777217, int32_t(0x80000080u))));
-    EXPECT_EQ(4294967296.0f, u.v[0]);
-    EXPECT_EQ(2147483648.0f, u.v[1]);
-    EXPECT_EQ(16777216.0f, u.v[2]);
-    EXPECT_EQ(2147483648.0f, u.v[3]); // exactly halfway: to even
+    EXPECT_LANES(roundNearest(make4(2.5f, -3.5f, 0.5f, -0.4f)), 2.0f, -4.0f, 0.0f, -0.0f);
+    EXPECT_LANES(truncate(make4(2.9f, -2.9f, kInf, kNaN)), 2.0f, -2.0f, kInf, kNaN);
+    // Ties to even: 16777217 and 0x80000080 lie halfway between floats.
+    EXPECT_LANES(toFloat(makeInt4(16777217, -3, INT32_MIN, INT32_MAX)), 16777216.0f, -3.0f, -2147483648.0f,
+                 2147483648.0f);
+    EXPECT_LANES(toFloatUnsigned(makeInt4(-1, int32_t(0x80000001u), 16777217, int32_t(0x80000080u))), 4294967296.0f,
+                 2147483648.0f, 16777216.0f, 2147483648.0f);
 
     std::mt19937 rng(5);
     std::uniform_int_distribution<uint32_t> any;
@@ -231,16 +213,8 @@ TEST(Simd, EstimatesAreCloseAndHandleSpecials) {
         const float ax = std::fabs(x);
         EXPECT_NEAR(1.0, lane<0>(rsqrtEstimate(splat(ax))) * std::sqrt(double(ax)), 4e-3) << x;
     }
-    const Lanes r = toLanes(rcp(make4(0.0f, -0.0f, kInf, kNaN)));
-    EXPECT_EQ(kInf, r.v[0]);
-    EXPECT_EQ(-kInf, r.v[1]);
-    EXPECT_TRUE(sameFloat(0.0f, r.v[2]));
-    EXPECT_TRUE(std::isnan(r.v[3]));
-    const Lanes s = toLanes(rsqrtEstimate(make4(0.0f, kInf, -1.0f, kNaN)));
-    EXPECT_EQ(kInf, s.v[0]);
-    EXPECT_EQ(0.0f, s.v[1]);
-    EXPECT_TRUE(std::isnan(s.v[2]));
-    EXPECT_TRUE(std::isnan(s.v[3]));
+    EXPECT_LANES(rcp(make4(0.0f, -0.0f, kInf, kNaN)), kInf, -kInf, 0.0f, kNaN);
+    EXPECT_LANES(rsqrtEstimate(make4(0.0f, kInf, -1.0f, kNaN)), kInf, 0.0f, kNaN, kNaN);
 }
 
 TEST(Simd, ComparesSelectsAndLaneMasks) {
@@ -254,11 +228,7 @@ TEST(Simd, ComparesSelectsAndLaneMasks) {
     EXPECT_EQ(0x2u, signMask(isNaN(a)));
     EXPECT_EQ(0x4u, signMask(make4(1.0f, 0.0f, -0.0f, kNaN))); // sign bits only
 
-    const Lanes s = toLanes(select(maskFromBits(0x5), make4(1, 2, 3, 4), make4(5, 6, 7, 8)));
-    EXPECT_EQ(1.0f, s.v[0]);
-    EXPECT_EQ(6.0f, s.v[1]);
-    EXPECT_EQ(3.0f, s.v[2]);
-    EXPECT_EQ(8.0f, s.v[3]);
+    EXPECT_LANES(select(maskFromBits(0x5), make4(1, 2, 3, 4), make4(5, 6, 7, 8)), 1.0f, 6.0f, 3.0f, 8.0f);
     EXPECT_EQ(20, lane<3>(select(maskFromBits(0x8), splatInt(20), splatInt(10))));
     EXPECT_EQ(10, lane<2>(select(maskFromBits(0x8), splatInt(20), splatInt(10))));
     for (unsigned m = 0; m < 16; ++m) {
@@ -306,10 +276,7 @@ TEST(Simd, IntegerArithmeticWrapsAndShiftsFollowNeon) {
     }
 
     const int4 r = reverseBytes(makeInt4(0x03020100, 0x07060504, 0x0B0A0908, 0x0F0E0D0C));
-    EXPECT_EQ(0x0C0D0E0F, lane<0>(r));
-    EXPECT_EQ(0x08090A0B, lane<1>(r));
-    EXPECT_EQ(0x04050607, lane<2>(r));
-    EXPECT_EQ(0x00010203, lane<3>(r));
+    for (int k = 0; k < 4; ++k) EXPECT_EQ(0x0C0D0E0F - 0x04040404 * k, lane(r, k));
 }
 
 TEST(Simd, SixteenBitLanes) {
@@ -353,10 +320,7 @@ TEST(Simd, SixteenBitLanes) {
 }
 
 TEST(Simd, ShufflesAndGeometry) {
-    const Lanes s = toLanes(swizzle<3, 0, 0, 2>(make4(1, 2, 3, 4)));
-    EXPECT_EQ(4.0f, s.v[0]);
-    EXPECT_EQ(1.0f, s.v[1]);
-    EXPECT_EQ(3.0f, s.v[3]);
+    EXPECT_LANES((swizzle<3, 0, 0, 2>(make4(1, 2, 3, 4))), 4.0f, 1.0f, 1.0f, 3.0f);
     EXPECT_EQ(3.0f, lane<2>(splatLane<2>(make4(1, 2, 3, 4))));
 
     float4 r0 = make4(0, 1, 2, 3), r1 = make4(4, 5, 6, 7), r2 = make4(8, 9, 10, 11), r3 = make4(12, 13, 14, 15);
@@ -366,15 +330,8 @@ TEST(Simd, ShufflesAndGeometry) {
         for (int j = 0; j < 4; ++j) EXPECT_EQ(float(4 * j + i), lane(rows[i], j));
 
     EXPECT_EQ(32.0f, dot3(make4(1, 2, 3, 100), make4(4, 5, 6, 100))); // w ignored
-    const Lanes c = toLanes(cross3(make4(1, 0, 0, 9), make4(0, 1, 0, 9)));
-    EXPECT_EQ(0.0f, c.v[0]);
-    EXPECT_EQ(0.0f, c.v[1]);
-    EXPECT_EQ(1.0f, c.v[2]);
-    EXPECT_EQ(0.0f, c.v[3]);
-    const Lanes c2 = toLanes(cross3(make4(2, 3, 4, 0), make4(5, 6, 7, 0)));
-    EXPECT_EQ(-3.0f, c2.v[0]);
-    EXPECT_EQ(6.0f, c2.v[1]);
-    EXPECT_EQ(-3.0f, c2.v[2]);
+    EXPECT_LANES(cross3(make4(1, 0, 0, 9), make4(0, 1, 0, 9)), 0.0f, 0.0f, 1.0f, 0.0f);
+    EXPECT_LANES(cross3(make4(2, 3, 4, 0), make4(5, 6, 7, 0)), -3.0f, 6.0f, -3.0f, 0.0f);
 
     alignas(16) float stored[4];
     store4(stored, make4(1, 2, 3, 4));
