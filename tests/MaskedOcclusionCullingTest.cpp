@@ -5,11 +5,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cfloat>
 #include <cmath>
 #include <cstring>
-#include <iterator>
 #include <memory>
 #include <random>
 #include <vector>
@@ -22,52 +22,65 @@ namespace {
 
 constexpr Moc::VertexLayout kPacked = {16, 4, 12};
 constexpr float kDepthTolerance = 1e-4f; // reciprocal estimates differ by platform
+constexpr float kSub = 1.0f / 256;       // unit of sub-pixel triangles
+constexpr float kWFromZ[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0}; // clip = (x, y, 0, z)
 
-struct MocDeleter {
-    void operator()(Moc* m) const { Moc::Destroy(m); }
-};
-using MocPtr = std::unique_ptr<Moc, MocDeleter>;
+using MocPtr = std::unique_ptr<Moc, decltype(&Moc::Destroy)>;
 
 MocPtr makeMoc(unsigned w, unsigned h) {
-    MocPtr m(Moc::Create());
+    MocPtr m(Moc::Create(), &Moc::Destroy);
     m->SetResolution(w, h);
     m->ClearBuffer();
     return m;
 }
 
-// Screen triangle (pixels, y down) with a clip w per vertex; depth is 1/w.
+// Screen triangle (y down, in pixels or in units of kSub) with a clip w per vertex; depth is 1/w.
 struct Tri {
     int x[3], y[3];
     float w[3];
-    ScreenTriangle screen() const {
-        return {{x[0], x[1], x[2]}, {y[0], y[1], y[2]}, {1.0 / w[0], 1.0 / w[1], 1.0 / w[2]}};
+    ScreenTriangle screen(int bits = 0) const {
+        return {{x[0], x[1], x[2]}, {y[0], y[1], y[2]}, {1.0 / w[0], 1.0 / w[1], 1.0 / w[2]}, bits};
+    }
+    // What this build draws of a sub-pixel triangle: exact pixel-centre
+    // coverage, or vertices rounded to whole pixels (to even, as the set-up does).
+    ScreenTriangle drawn() const {
+        if (ZELK_EXACT_COVERAGE) return screen(8);
+        Tri t = *this;
+        for (int k = 0; k < 3; ++k)
+            t.x[k] = int(std::nearbyint(x[k] * kSub)), t.y[k] = int(std::nearbyint(y[k] * kSub));
+        return t.screen();
     }
 };
 
+// Screen triangles (coordinates times unit) through the packed layout (0), a
+// strided one with junk between the fields (1), or swapped x and y that
+// modelToClip swaps back (2); vertices are stored in reverse, so every index counts.
 int render(Moc& m, const std::vector<Tri>& tris, Moc::BackfaceWinding winding = Moc::WindingKeepBoth,
-           Moc::ClipPlanes clip = Moc::ClipNone) {
+           Moc::ClipPlanes clip = Moc::ClipNone, float unit = 1.0f, int layout = 0) {
+    static const float swapXY[16] = {0, 1, 0, 0, 1, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
+    const Moc::VertexLayout layouts[3] = {kPacked, {24, 8, 20}, kPacked};
+    const size_t n = tris.size() * 3, stride = size_t(layouts[layout].stride) / 4;
     unsigned w, h;
     m.GetResolution(w, h);
-    std::vector<float> v(tris.size() * 12);
-    std::vector<uint16_t> idx;
-    for (const Tri& t : tris)
-        for (int k = 0; k < 3; ++k) {
-            testing_support::clipFromScreen(t.x[k], t.y[k], t.w[k], int(w), int(h), &v[idx.size() * 4]);
-            idx.push_back(uint16_t(idx.size()));
-        }
-    return m.RenderTriangles(v.data(), idx.data(), int(tris.size()), nullptr, winding, clip, kPacked);
+    std::vector<float> v(n * stride);
+    std::vector<uint16_t> idx(n);
+    for (size_t i = 0; i < n; ++i) {
+        const Tri& t = tris[i / 3];
+        float c[4];
+        testing_support::clipFromScreen(float(t.x[i % 3]) * unit, float(t.y[i % 3]) * unit, t.w[i % 3], int(w), int(h),
+                                        c);
+        const std::array<float, 6> vertex[3] = {
+            {c[0], c[1], 0, c[3]}, {c[0], -7, c[1], NAN, 1e30f, c[3]}, {c[1], c[0], 5, c[3]}};
+        idx[i] = uint16_t(n - 1 - i);
+        std::copy_n(vertex[layout].begin(), stride, &v[idx[i] * stride]);
+    }
+    return m.RenderTriangles(v.data(), idx.data(), int(tris.size()), layout == 2 ? swapXY : nullptr, winding, clip,
+                             layouts[layout]);
 }
 
-// Clip-space triangles given as (x, y, w) per vertex.
-int renderClip(Moc& m, const std::vector<std::array<float, 9>>& tris, Moc::ClipPlanes clip) {
-    std::vector<float> v;
-    std::vector<uint16_t> idx;
-    for (const auto& t : tris)
-        for (int k = 0; k < 3; ++k) {
-            idx.push_back(uint16_t(idx.size()));
-            v.insert(v.end(), {t[3 * k], t[3 * k + 1], 0.0f, t[3 * k + 2]});
-        }
-    return m.RenderTriangles(v.data(), idx.data(), int(tris.size()), nullptr, Moc::WindingKeepBoth, clip, kPacked);
+// Sub-pixel triangles, unclipped: clipping would put new vertices on the grid.
+void renderSub(Moc& m, const std::vector<Tri>& tris, int layout = 0) {
+    render(m, tris, Moc::WindingKeepBoth, Moc::ClipNone, kSub, layout);
 }
 
 Moc::TileData tile(const Moc& m, int tx, int ty) {
@@ -89,65 +102,52 @@ bool sameTiles(const Moc& a, const Moc& b) {
     return ta.size() == tb.size() && std::memcmp(ta.data(), tb.data(), ta.size() * sizeof(Moc::TileData)) == 0;
 }
 
-// A pixel of the working mask, or of a finished subtile (all 32 covered).
-bool drawnAt(const Moc& m, int i, int j) {
-    const Moc::TileData t = tile(m, i / 32, j / 4);
-    const int lane = (i % 32) / 8;
-    return ((t.coverageMask[lane] >> (8 * (j % 4) + i % 8)) & 1u) != 0 || t.referenceDepth[lane] > -1.0f;
-}
-
-struct CountingAlloc {
-    static int allocations, frees;
-    static void* alloc(size_t alignment, size_t size) {
-        ++allocations;
-        EXPECT_EQ(alignment, 64u);
-        return common::aligned_alloc(alignment, size);
+// Random oblique, thin, sliver and small sub-pixel triangles around a w x h
+// screen. For snapping, positions never end in exactly half a pixel (the
+// rounding would depend on the projection); for exact coverage some vertices
+// sit on pixel centres, where the tie rules decide.
+Tri randomSubTri(std::mt19937& rng, int w, int h, int kind) {
+    std::uniform_int_distribution<int> px(-20 * 256, (w + 20) * 256), py(-20 * 256, (h + 20) * 256);
+    std::uniform_int_distribution<int> near(-6 * 256, 6 * 256), depth(1, 20), coin(0, 7);
+    Tri t = {{px(rng), px(rng), px(rng)}, {py(rng), py(rng), py(rng)}, {1, 1, 1}};
+    if (kind == 1) { // thin: two vertices close together
+        t.x[1] = t.x[0] + near(rng) / 4;
+        t.y[1] = t.y[0] + near(rng) / 4;
+    } else if (kind == 2) { // sliver: the third vertex a fraction of a pixel off the line
+        const double s = std::uniform_real_distribution<double>(0.1, 0.9)(rng);
+        t.x[2] = int(t.x[0] + s * (t.x[1] - t.x[0])) + near(rng) / 12;
+        t.y[2] = int(t.y[0] + s * (t.y[1] - t.y[0])) + near(rng) / 12;
+    } else if (kind == 3) {
+        for (int k = 1; k < 3; ++k) t.x[k] = t.x[0] + near(rng), t.y[k] = t.y[0] + near(rng);
     }
-    static void release(void* p) {
-        ++frees;
-        common::aligned_free(p);
+    for (int k = 0; k < 3; ++k) {
+        if (!ZELK_EXACT_COVERAGE) {
+            t.x[k] += (t.x[k] & 255) == 128;
+            t.y[k] += (t.y[k] & 255) == 128;
+        } else if (coin(rng) == 0) {
+            t.x[k] = (t.x[k] & ~255) | 128;
+            t.y[k] = (t.y[k] & ~255) | 128;
+        }
+        t.w[k] = float(depth(rng));
     }
-};
-int CountingAlloc::allocations = 0;
-int CountingAlloc::frees = 0;
-
-// A finished subtile is behind the reference geometry at each of its pixels.
-void expectFinishedBehind(const Moc& m, const ReferenceRasterizer& ref) {
-    const auto tiles = allTiles(m);
-    const size_t columns = size_t(ref.width / 32);
-    for (size_t i = 0; i < tiles.size(); ++i)
-        for (int lane = 0; lane < 4; ++lane)
-            for (int p = 0; p < 32 && tiles[i].referenceDepth[lane] != -1.0f; ++p) {
-                const double d = ref.depth(int(i % columns) * 32 + lane * 8 + p % 8, int(i / columns) * 4 + p / 8);
-                if (tiles[i].referenceDepth[lane] > d + kDepthTolerance * d) {
-                    ADD_FAILURE() << "tile " << i << " lane " << lane << " nearer than the reference";
-                    return;
-                }
-            }
+    return t;
 }
 
-// TestRect on an ndc rectangle; when it reports hidden, the reference
-// geometry is at least as near as wmin at every pixel the rectangle touches.
-bool rectHidden(const Moc& m, const ReferenceRasterizer& ref, float x0, float y0, float x1, float y1, float wmin) {
-    if (m.TestRect(x0, y0, x1, y1, wmin) != Moc::Occluded) return false;
-    const auto pixel = [](float v, float half) {
-        return std::min(std::max(int(std::trunc(std::fma(half, v, half))), 0), int(2 * half) - 1);
-    };
-    const float hw = float(ref.width) * 0.5f, hh = float(ref.height) * 0.5f;
-    for (int j = pixel(-y1, hh); j <= pixel(-y0, hh); ++j)
-        for (int i = pixel(x0, hw); i <= pixel(x1, hw); ++i)
-            if (ref.depth(i, j) < (1.0 - kDepthTolerance) / wmin) {
-                ADD_FAILURE() << "rectangle hidden although pixel " << i << "," << j << " shows through";
-                return true;
-            }
-    return true;
-}
+int allocations = 0, frees = 0;
 
 } // namespace
 
 TEST(MaskedOcclusionCulling, ResolutionAndMemory) {
-    CountingAlloc::allocations = CountingAlloc::frees = 0;
-    Moc* m = Moc::Create(CountingAlloc::alloc, CountingAlloc::release);
+    allocations = frees = 0;
+    const auto alloc = [](size_t alignment, size_t size) {
+        ++allocations;
+        EXPECT_EQ(alignment, 64u);
+        return common::aligned_alloc(alignment, size);
+    };
+    Moc* m = Moc::Create(alloc, [](void* p) {
+        ++frees;
+        common::aligned_free(p);
+    });
     EXPECT_EQ(reinterpret_cast<uintptr_t>(m) % 64, 0u);
     Moc::TileData t;
     EXPECT_FALSE(m->ReadTile(0, 0, t)); // no buffer before a size is set
@@ -155,46 +155,41 @@ TEST(MaskedOcclusionCulling, ResolutionAndMemory) {
     m->SetResolution(33, 5);
     m->ClearBuffer();
     EXPECT_TRUE(m->ReadTile(1, 1, t));
-    EXPECT_FALSE(m->ReadTile(2, 0, t));
-    EXPECT_FALSE(m->ReadTile(0, 2, t));
+    EXPECT_FALSE(m->ReadTile(2, 0, t) || m->ReadTile(0, 2, t));
     EXPECT_EQ(render(*m, {{{33, 33, 200}, {-10, 50, -10}, {1, 1, 1}}}), Moc::Visible);
     EXPECT_NEAR(tile(*m, 1, 1).referenceDepth[3], 1.0f, kDepthTolerance);
     m->SetResolution(33, 5); // same size again still reallocates
-    EXPECT_EQ(CountingAlloc::allocations, 3);
+    EXPECT_EQ(allocations, 3);
     m->SetResolution(0, 0); // frees and leaves no buffer
-    EXPECT_EQ(CountingAlloc::frees, 2);
+    EXPECT_EQ(frees, 2);
     m->ClearBuffer();
     EXPECT_FALSE(m->ReadTile(0, 0, t));
     EXPECT_EQ(render(*m, {{{0, 10, 0}, {0, 0, 10}, {1, 1, 1}}}), Moc::OutsideView);
     EXPECT_EQ(m->TestRect(-1, -1, 1, 1, 1), Moc::Visible);
 
-    // The four-argument render keeps one vertex buffer across calls.
+    // The four-argument render keeps one vertex buffer across calls. A square
+    // at z = 2 over ndc [-0.5, 0.5]: pixels x 16..48, y 8..24.
     m->SetResolution(64, 32);
     m->ClearBuffer();
-    common::Matrix4x4 mvp = common::Matrix4x4::identity();
-    mvp.columns[2] = common::make4(0, 0, 0, 1); // w = z
-    mvp.columns[3] = common::zero4();
-    m->SetModelViewProjection(mvp);
-    // A square at z = 2 over ndc [-0.5, 0.5]: pixels x 16..48, y 8..24.
+    m->SetModelViewProjection(common::Matrix4x4::fromColumnMajor(kWFromZ));
     const float square[12] = {-1, -1, 2, 1, -1, 2, 1, 1, 2, -1, 1, 2};
     const uint16_t twoTris[6] = {0, 1, 2, 0, 2, 3}, wild[6] = {0, 1, 9000, 0, 2, 3};
     EXPECT_EQ(m->RenderTriangles(square, twoTris, 4, 2), Moc::Visible);
-    EXPECT_EQ(CountingAlloc::allocations, 5);
     EXPECT_EQ(m->RenderTriangles(square, twoTris, 4, 2), Moc::Visible);
-    EXPECT_EQ(CountingAlloc::allocations, 5);
+    EXPECT_EQ(allocations, 5);
     EXPECT_NEAR(tile(*m, 1, 5).referenceDepth[1], 0.5f, kDepthTolerance);
     // An index past the vertex count reads a zero vertex (w = 0, not drawn):
     // the lower right half is gone, the upper left one stays.
     m->ClearBuffer();
     m->RenderTriangles(square, wild, 4, 2);
-    EXPECT_EQ(CountingAlloc::allocations, 6); // grown once, to 9001 vertices
+    EXPECT_EQ(allocations, 6); // grown once, to 9001 vertices
     EXPECT_EQ(tile(*m, 1, 5).referenceDepth[1], -1.0f);
     EXPECT_NEAR(tile(*m, 0, 4).referenceDepth[2], 0.5f, kDepthTolerance);
     m->RenderTriangles(square, twoTris, -3, 2);
     m->RenderTriangles(square, wild, 4, 2);
-    EXPECT_EQ(CountingAlloc::allocations, 6);
+    EXPECT_EQ(allocations, 6);
     Moc::Destroy(m);
-    EXPECT_EQ(CountingAlloc::frees, CountingAlloc::allocations);
+    EXPECT_EQ(frees, allocations);
 }
 
 TEST(MaskedOcclusionCulling, LayerUpdateAndMerge) {
@@ -216,8 +211,7 @@ TEST(MaskedOcclusionCulling, LayerUpdateAndMerge) {
     EXPECT_NEAR(t.referenceDepth[0], 0.25f, kDepthTolerance);
     EXPECT_EQ(t.workingDepth[0], FLT_MAX);
     EXPECT_EQ(t.coverageMask[0], 0u);
-    // Behind the finished layer (0.125): nothing changes.
-    render(*m, {{{0, 8, 8}, {0, 0, 4}, {8, 8, 8}}});
+    render(*m, {{{0, 8, 8}, {0, 0, 4}, {8, 8, 8}}}); // behind the finished layer: no change
     EXPECT_EQ(tile(*m, 0, 0).coverageMask[0], 0u);
     // Subtile 1: a working layer at 0.25, then a much nearer half (4.0):
     // h = 2 * 0.25 - (4 + -1) < 0 throws the old layer away.
@@ -225,12 +219,6 @@ TEST(MaskedOcclusionCulling, LayerUpdateAndMerge) {
     t = tile(*m, 0, 0);
     EXPECT_EQ(t.coverageMask[1], lowerHalf);
     EXPECT_NEAR(t.workingDepth[1], 4.0f, 4 * kDepthTolerance);
-    // One triangle over whole subtiles goes straight to the finished layer.
-    render(*m, {{{32, 60, 32}, {0, 0, 40}, {2, 2, 2}}});
-    t = tile(*m, 1, 1);
-    EXPECT_NEAR(t.referenceDepth[1], 0.5f, kDepthTolerance);
-    EXPECT_EQ(t.workingDepth[1], FLT_MAX);
-    EXPECT_NE(t.coverageMask[2], 0u); // the hypotenuse runs through lane 2
 
     // Merging: halves split between two buffers complete each other; a
     // finished layer merges by maximum and clears working layers behind it.
@@ -252,80 +240,28 @@ TEST(MaskedOcclusionCulling, LayerUpdateAndMerge) {
     EXPECT_NEAR(tile(*small, 0, 0).referenceDepth[0], 0.25f, kDepthTolerance);
 }
 
-TEST(MaskedOcclusionCulling, CoverageMatchesReferenceExactly) {
-    // Random triangles on and off a 96 x 40 screen, each alone on a cleared
-    // buffer: every subtile holds exactly the reference's pixels, as a mask
-    // or, when all 32 are covered, as a finished layer.
-    const int w = 96, h = 40;
-    auto m = makeMoc(w, h);
-    std::mt19937 rng(1234);
-    std::uniform_int_distribution<int> coordX(-40, w + 40), coordY(-20, h + 20), small(-3, 3);
-    int full = 0, partial = 0;
-    for (int trial = 0; trial < 1500; ++trial) {
-        Tri t = {{coordX(rng), coordX(rng), coordX(rng)}, {coordY(rng), coordY(rng), coordY(rng)}, {1, 1, 1}};
-        for (int k = 1; k < 3 && trial % 3 == 1; ++k) { // small and thin ones
-            t.x[k] = t.x[0] + small(rng);
-            t.y[k] = t.y[0] + small(rng) * (trial % 2 ? 9 : 1);
-        }
-        m->ClearBuffer();
-        render(*m, {t});
-        const ScreenTriangle s = t.screen();
-        for (int ty = 0; ty < h / 4; ++ty)
-            for (int tx = 0; tx < w / 32; ++tx)
-                for (int lane = 0; lane < 4; ++lane) {
-                    uint32_t expected = 0;
-                    for (int bit = 0; bit < 32; ++bit)
-                        if (ReferenceRasterizer::covers(s, tx * 32 + lane * 8 + bit % 8, ty * 4 + bit / 8))
-                            expected |= 1u << bit;
-                    const Moc::TileData d = tile(*m, tx, ty);
-                    const bool isFull = expected == 0xFFFFFFFFu;
-                    full += isFull;
-                    partial += !isFull && expected != 0;
-                    ASSERT_EQ(d.coverageMask[lane], isFull ? 0u : expected) << trial << ": " << tx << "," << ty;
-                    ASSERT_NEAR(d.referenceDepth[lane], isFull ? 1.0f : -1.0f, kDepthTolerance);
-                }
-    }
-    EXPECT_GT(full, 1000);
-    EXPECT_GT(partial, 1000);
-
-    // Quads split along diagonals through pixel centres (slopes 1 and 1/2):
-    // each centre on the diagonal goes to exactly one half, so every subtile
-    // is finished.
-    auto q = makeMoc(64, 16);
-    render(*q, {{{0, 32, 32}, {0, 0, 16}, {2, 2, 2}},
-                {{0, 32, 0}, {0, 16, 16}, {2, 2, 2}},
-                {{32, 64, 32}, {0, 16, 16}, {2, 2, 2}},
-                {{32, 64, 64}, {0, 0, 16}, {2, 2, 2}}});
-    for (const Moc::TileData& d : allTiles(*q))
-        for (int lane = 0; lane < 4; ++lane) EXPECT_NEAR(d.referenceDepth[lane], 0.5f, kDepthTolerance);
-}
-
 TEST(MaskedOcclusionCulling, Clipping) {
     const int w = 128, h = 64;
-    auto m = makeMoc(w, h);
+    auto m = makeMoc(w, h), unclipped = makeMoc(w, h);
     // One vertex far beyond the left, right, bottom, top plane in turn: the
-    // drawn pixels follow the unclipped triangle to within a pixel (the
-    // clipped vertices snap anew).
-    const Tri crossing[4] = {{{-300, 100, 60}, {30, 10, 55}, {1, 1, 1}},
-                             {{20, 500, 60}, {10, 30, 60}, {1, 1, 1}},
-                             {{10, 120, 64}, {50, 20, 250}, {1, 1, 1}},
-                             {{10, 120, 70}, {40, 50, -200}, {1, 1, 1}}};
-    for (const Tri& t : crossing) {
+    // drawn pixels (in a mask or a finished subtile) follow the unclipped
+    // triangle to within a pixel, as the clipped vertices snap anew.
+    for (const Tri& t : {Tri{{-300, 100, 60}, {30, 10, 55}, {1, 1, 1}}, Tri{{20, 500, 60}, {10, 30, 60}, {1, 1, 1}},
+                         Tri{{10, 120, 64}, {50, 20, 250}, {1, 1, 1}}, Tri{{10, 120, 70}, {40, 50, -200}, {1, 1, 1}}}) {
         m->ClearBuffer();
         EXPECT_EQ(render(*m, {t}, Moc::WindingKeepBoth, Moc::ClipAll), Moc::Visible);
         int inside = 0;
         for (int j = 0; j < h; ++j)
             for (int i = 0; i < w; ++i) {
                 const double d = ReferenceRasterizer::insideDistance(t.screen(), i, j);
-                const bool drawn = drawnAt(*m, i, j);
+                const Moc::TileData s = tile(*m, i / 32, j / 4);
+                const int lane = (i % 32) / 8;
+                const bool drawn = (s.coverageMask[lane] >> (8 * (j % 4) + i % 8)) & 1u || s.referenceDepth[lane] > -1;
                 EXPECT_TRUE(drawn ? d > -1.0 : d <= 1.0) << i << "," << j << ": " << d;
                 inside += d > 1.0;
             }
         EXPECT_GT(inside, 300);
     }
-    // Wholly outside the left or the top plane: dropped.
-    EXPECT_EQ(renderClip(*m, {{-3, 0, 1, -2, 0.5f, 1, -4, -0.5f, 1}}, Moc::ClipAll), Moc::OutsideView);
-    EXPECT_EQ(renderClip(*m, {{0, 2, 1, 0.5f, 3, 1, -0.5f, 2.5f, 1}}, Moc::ClipAll), Moc::OutsideView);
     // Off screen but inside the one-pixel guard band: clipping keeps the
     // triangles (with their vertices in another cyclic order), so the masks
     // match drawing without clipping; the lane that was inside all along
@@ -333,7 +269,6 @@ TEST(MaskedOcclusionCulling, Clipping) {
     const std::vector<Tri> edgy = {{{-1, 40, 10}, {5, 20, 60}, {1, 2, 4}},
                                    {{30, 90, 60}, {-1, 40, 65}, {2, 2, 3}},
                                    {{100, 129, 129}, {0, 10, 65}, {1, 1, 1}}};
-    auto unclipped = makeMoc(w, h);
     m->ClearBuffer();
     EXPECT_EQ(render(*m, edgy, Moc::WindingKeepBoth, Moc::ClipAll), Moc::Visible);
     render(*unclipped, edgy);
@@ -344,50 +279,53 @@ TEST(MaskedOcclusionCulling, Clipping) {
             EXPECT_NEAR(ta[i].referenceDepth[lane], tb[i].referenceDepth[lane], 1e-6f);
         }
 
-    // Near plane 0.5: all vertices nearer are dropped; a floor (y = -1) from
-    // w = 4 to behind the eye covers the screen below ndc y = -1/4, nearer
-    // toward the bottom, with no NaN from the part clipped at w = 0.
-    m->ClearBuffer();
+    // Wholly outside the left or the top plane, or (all w < 0.5) the near plane: dropped.
     m->SetNearClipPlane(0.5f);
-    EXPECT_EQ(renderClip(*m, {{-0.1f, -0.1f, 0.3f, 0.1f, -0.1f, 0.3f, 0, 0.1f, 0.4f}}, Moc::ClipAll), Moc::OutsideView);
-    EXPECT_EQ(renderClip(*m, {{-4, -1, 4, 4, -1, 4, 0, -1, -2}}, Moc::ClipAll), Moc::Visible);
+    for (const Tri& t : {Tri{{-128, -64, -192}, {32, 16, 48}, {1, 1, 1}}, Tri{{64, 96, 32}, {-32, -64, -48}, {1, 1, 1}},
+                         Tri{{43, 85, 64}, {43, 43, 24}, {0.3f, 0.3f, 0.4f}}})
+        EXPECT_EQ(render(*m, {t}, Moc::WindingKeepBoth, Moc::ClipAll), Moc::OutsideView);
+    // A floor (clip y = -1) from x = +-4 at w = 4 to a vertex behind the eye
+    // (w = -2) covers the screen below ndc y = -1/4, nearer toward the
+    // bottom, with no NaN from the part clipped at w = 0.
+    m->ClearBuffer();
+    EXPECT_EQ(render(*m, {{{0, 128, 64}, {40, 40, 16}, {4, 4, -2}}}, Moc::WindingKeepBoth, Moc::ClipAll), Moc::Visible);
     const float horizon = tile(*m, 1, 11).referenceDepth[3], bottom = tile(*m, 1, 15).referenceDepth[3];
     EXPECT_GT(horizon, 0.25f * 0.99f);
     EXPECT_GT(bottom, horizon);
     EXPECT_LT(bottom, 1.01f);
     EXPECT_EQ(tile(*m, 1, 8).coverageMask[3] | tile(*m, 1, 8).coverageMask[0], 0u);
-    // Four screen-covering triangles, each cut to the guard-band rectangle
-    // (two ring triangles apiece): every subtile finished at depth 1.
+    // Four screen-covering triangles (clip x, y = +-20 and 30), each cut to
+    // the guard-band rectangle (two ring triangles apiece): every subtile
+    // finished at depth 1.
+    const Tri huge = {{-1216, 1344, 64}, {672, 672, -928}, {1, 1, 1}};
     m->ClearBuffer();
-    const std::array<float, 9> huge = {-20, -20, 1, 20, -20, 1, 0, 30, 1};
-    EXPECT_EQ(renderClip(*m, {huge, huge, huge, huge}, Moc::ClipAll), Moc::Visible);
+    EXPECT_EQ(render(*m, {huge, huge, huge, huge}, Moc::WindingKeepBoth, Moc::ClipAll), Moc::Visible);
     for (const Moc::TileData& t : allTiles(*m))
         for (int lane = 0; lane < 4; ++lane) EXPECT_NEAR(t.referenceDepth[lane], 1.0f, kDepthTolerance);
-    // Unclipped, its snapped corners are too far out to rasterize: skipped.
+    // A hundred times larger and unclipped, its snapped corners are too far
+    // out to rasterize: skipped.
     m->ClearBuffer();
-    EXPECT_EQ(renderClip(*m, {{-2000, -2000, 1, 2000, -2000, 1, 0, 3000, 1}}, Moc::ClipNone), Moc::Visible);
+    EXPECT_EQ(render(*m, {{{-127936, 128064, 64}, {64032, 64032, -95968}, {1, 1, 1}}}), Moc::Visible);
     EXPECT_EQ(tile(*m, 2, 8).referenceDepth[0], -1.0f);
 }
 
-TEST(MaskedOcclusionCulling, WindingLayoutsAndResults) {
-    auto m = makeMoc(64, 32);
+TEST(MaskedOcclusionCulling, WindingAndResults) {
     // (0,0), (0,20), (40,0): area (x1-x2)(y0-y2) - (x2-x0)(y2-y1) = 800 > 0.
     const Tri positive = {{0, 0, 40}, {0, 20, 0}, {2, 2, 2}}, negative = {{0, 40, 0}, {0, 0, 20}, {2, 2, 2}};
-    EXPECT_EQ(render(*m, {negative}, Moc::WindingKeepPositive), Moc::OutsideView);
-    EXPECT_EQ(render(*m, {positive}, Moc::WindingKeepPositive), Moc::Visible);
-    auto other = makeMoc(64, 32);
-    EXPECT_EQ(render(*other, {positive}, Moc::WindingKeepNonPositive), Moc::OutsideView);
-    EXPECT_EQ(render(*other, {negative}, Moc::WindingKeepNonPositive), Moc::Visible);
-    EXPECT_TRUE(sameTiles(*m, *other)); // same pixels either way round
-    other->ClearBuffer();
-    EXPECT_EQ(render(*other, {negative}, Moc::WindingKeepBoth), Moc::Visible);
-    EXPECT_TRUE(sameTiles(*m, *other));
-    // Zero area: culled by winding 1, kept (but covering nothing) by winding 0.
     const Tri flat = {{0, 20, 40}, {0, 10, 20}, {2, 2, 2}};
-    other->ClearBuffer();
-    EXPECT_EQ(render(*other, {flat}, Moc::WindingKeepPositive), Moc::OutsideView);
-    EXPECT_EQ(render(*other, {flat}, Moc::WindingKeepBoth), Moc::Visible);
-    EXPECT_EQ(tile(*other, 0, 2).coverageMask[1], 0u);
+    auto m = makeMoc(64, 32), other = makeMoc(64, 32);
+    render(*m, {positive});
+    // Either way round the same pixels; zero area is culled only by winding 1
+    // and covers nothing when kept.
+    for (const auto winding : {Moc::WindingKeepPositive, Moc::WindingKeepNonPositive, Moc::WindingKeepBoth}) {
+        other->ClearBuffer();
+        const bool keepPositive = winding != Moc::WindingKeepNonPositive,
+                   keepOthers = winding != Moc::WindingKeepPositive;
+        EXPECT_EQ(render(*other, {positive}, winding), keepPositive ? Moc::Visible : Moc::OutsideView);
+        EXPECT_EQ(render(*other, {negative}, winding), keepOthers ? Moc::Visible : Moc::OutsideView);
+        EXPECT_EQ(render(*other, {flat}, winding), keepOthers ? Moc::Visible : Moc::OutsideView);
+        EXPECT_TRUE(sameTiles(*m, *other)) << winding;
+    }
     // Results AND together; nothing to draw is OutsideView.
     const Tri offscreen = {{100, 140, 100}, {0, 0, 30}, {2, 2, 2}};
     EXPECT_EQ(render(*m, {offscreen, offscreen, offscreen, offscreen, offscreen}), Moc::OutsideView);
@@ -395,68 +333,41 @@ TEST(MaskedOcclusionCulling, WindingLayoutsAndResults) {
     const float v[4] = {0, 0, 0, 1};
     const uint16_t idx[3] = {0, 0, 0};
     EXPECT_EQ(m->RenderTriangles(v, idx, 0, nullptr, Moc::WindingKeepBoth, Moc::ClipAll, kPacked), Moc::OutsideView);
-
-    // A strided layout (x at 0, y at 8, w at 20 of 24 bytes) and a
-    // modelToClip that swaps x and y of swapped input draw what the packed
-    // layout draws.
-    std::mt19937 rng(5);
-    std::uniform_real_distribution<float> coord(-1.3f, 1.3f), wDist(1.0f, 10.0f);
-    std::vector<float> packed, strided, swapped;
-    std::vector<uint16_t> indices;
-    for (int i = 0; i < 90; ++i) {
-        const float x = coord(rng), y = coord(rng), wv = wDist(rng);
-        packed.insert(packed.end(), {x * wv, y * wv, 0.0f, wv});
-        strided.insert(strided.end(), {x * wv, -7.0f, y * wv, NAN, 1e30f, wv});
-        swapped.insert(swapped.end(), {y * wv, x * wv, 5.0f, wv});
-        indices.insert(indices.end(), uint16_t((i * 37) % 90));
-    }
-    const float swapXY[16] = {0, 1, 0, 0, 1, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
-    auto a = makeMoc(96, 48), b = makeMoc(96, 48), c = makeMoc(96, 48);
-    EXPECT_EQ(
-        a->RenderTriangles(packed.data(), indices.data(), 30, nullptr, Moc::WindingKeepBoth, Moc::ClipAll, kPacked),
-        Moc::Visible);
-    b->RenderTriangles(strided.data(), indices.data(), 30, nullptr, Moc::WindingKeepBoth, Moc::ClipAll, {24, 8, 20});
-    c->RenderTriangles(swapped.data(), indices.data(), 30, swapXY, Moc::WindingKeepBoth, Moc::ClipAll, kPacked);
-    EXPECT_TRUE(sameTiles(*a, *b));
-    EXPECT_TRUE(sameTiles(*a, *c));
 }
 
 TEST(MaskedOcclusionCulling, RectangleAndBoxTests) {
     auto m = makeMoc(128, 64);
-    EXPECT_EQ(m->TestRect(-0.5f, -0.5f, 0.5f, 0.5f, 3.0f), Moc::Visible);
-    // wmin in (-1, 0): 1/wmin < -1 is behind even the cleared buffer.
-    EXPECT_EQ(m->TestRect(-0.5f, -0.5f, 0.5f, 0.5f, -0.5f), Moc::Occluded);
-    EXPECT_EQ(m->TestRect(-0.5f, -0.5f, 0.5f, 0.5f, 0.0f), Moc::Visible);  // 1/0 = +inf
-    EXPECT_EQ(m->TestRect(-3.0f, -0.5f, -2.0f, 0.5f, 3.0f), Moc::Visible); // clamped onto column 0
-    // Inverted: pixels 76 .. 51 give tile bounds 64 .. 64; 70 .. 67 do not.
-    EXPECT_EQ(m->TestRect(0.2f, -0.5f, -0.2f, 0.5f, 3.0f), Moc::OutsideView);
-    EXPECT_EQ(m->TestRect(0.1f, -0.5f, 0.05f, 0.5f, 3.0f), Moc::Visible);
-
     // Subtile 0 of tile 0 finished at 0.5, subtile 1 only partly covered.
     render(*m, {{{0, 16, 0}, {0, 0, 8}, {2, 2, 2}}});
     // Exactly pixels [0, 8) x [0, 4): x up to (7.5 - 64) / 64, y down to (32 - 3.5) / 32.
     const float x1 = (7.5f - 64) / 64, y0 = (32 - 3.5f) / 32;
-    EXPECT_EQ(m->TestRect(-1, y0, x1, 1, 4.0f), Moc::Occluded);              // 0.25 behind 0.5
-    EXPECT_EQ(m->TestRect(-1, y0, x1, 1, 2.0f), Moc::Visible);               // level with it
-    EXPECT_EQ(m->TestRect(-1, y0, (8.5f - 64) / 64, 1, 4.0f), Moc::Visible); // unfinished subtile 1
-    EXPECT_EQ(m->TestRect(-1, (32 - 4.5f) / 32, x1, 1, 4.0f), Moc::Visible); // untouched tile row 1
+    const float rects[][6] = {
+        // x0, y0, x1, y1, wmin, result
+        {-0.5f, -0.5f, 0.5f, 0.5f, 3.0f, Moc::Visible},
+        {-0.5f, -0.5f, 0.5f, 0.5f, -0.5f, Moc::Occluded},   // 1/wmin < -1: behind even the cleared buffer
+        {-0.5f, -0.5f, 0.5f, 0.5f, 0.0f, Moc::Visible},     // 1/0 = +inf
+        {-3.0f, -0.5f, -2.0f, 0.5f, 3.0f, Moc::Visible},    // clamped onto column 0
+        {0.2f, -0.5f, -0.2f, 0.5f, 3.0f, Moc::OutsideView}, // inverted: pixels 76 .. 51 give tile bounds 64 .. 64
+        {0.1f, -0.5f, 0.05f, 0.5f, 3.0f, Moc::Visible},     // 70 .. 67 do not
+        {-1, y0, x1, 1, 4.0f, Moc::Occluded},               // 0.25 behind 0.5
+        {-1, y0, x1, 1, 2.0f, Moc::Visible},                // level with it
+        {-1, y0, (8.5f - 64) / 64, 1, 4.0f, Moc::Visible},  // unfinished subtile 1
+        {-1, (32 - 4.5f) / 32, x1, 1, 4.0f, Moc::Visible},  // untouched tile row 1
+    };
+    for (const auto& r : rects) EXPECT_EQ(m->TestRect(r[0], r[1], r[2], r[3], r[4]), int(r[5])) << r[0] << " " << r[1];
 
-    // Boxes through clip = (x, y, 0, z): w is the box's z.
-    common::Matrix4x4 mvp = common::Matrix4x4::zero();
-    mvp.columns[0] = common::make4(1, 0, 0, 0);
-    mvp.columns[1] = common::make4(0, 1, 0, 0);
-    mvp.columns[2] = common::make4(0, 0, 0, 1);
-    m->SetModelViewProjection(mvp);
-    const float lo[3] = {-0.2f, -0.2f, 3}, hi[3] = {0.2f, 0.2f, 4};
-    const float nearLo[3] = {-0.2f, -0.2f, 1.5f}, sideLo[3] = {-3.5f, -0.2f, 3}, sideHi[3] = {-3.3f, 0.2f, 4};
-    const float behindEyeLo[3] = {-0.2f, -0.2f, -0.5f};
+    // Boxes through clip = (x, y, 0, z): low and high corners, visible before and after a wall at w = 2.
+    const float boxes[][8] = {
+        {-0.2f, -0.2f, 3, 0.2f, 0.2f, 4, 1, 0},
+        {-0.2f, -0.2f, 1.5f, 0.2f, 0.2f, 4, 1, 1},  // in front of the wall
+        {-3.5f, -0.2f, 3, -3.3f, 0.2f, 4, 1, 1},    // beside it
+        {-0.2f, -0.2f, -0.5f, 0.2f, 0.2f, 4, 0, 0}, // reaches behind the eye: 1/wmin = -2
+    };
+    m->SetModelViewProjection(common::Matrix4x4::fromColumnMajor(kWFromZ));
     m->ClearBuffer();
-    EXPECT_TRUE(m->Query(lo, hi));
-    EXPECT_FALSE(m->Query(behindEyeLo, hi)); // reaches behind the eye: 1/wmin = -2
-    render(*m, {{{16, 112, 112}, {8, 8, 56}, {2, 2, 2}}, {{16, 112, 16}, {8, 56, 56}, {2, 2, 2}}}); // wall at w = 2
-    EXPECT_FALSE(m->Query(lo, hi));
-    EXPECT_TRUE(m->Query(nearLo, hi));
-    EXPECT_TRUE(m->Query(sideLo, sideHi));
+    for (const auto& b : boxes) EXPECT_EQ(m->Query(b, b + 3), b[6] != 0) << b[0] << " " << b[2];
+    render(*m, {{{16, 112, 112}, {8, 8, 56}, {2, 2, 2}}, {{16, 112, 16}, {8, 56, 56}, {2, 2, 2}}});
+    for (const auto& b : boxes) EXPECT_EQ(m->Query(b, b + 3), b[7] != 0) << b[0] << " " << b[2];
 }
 
 TEST(MaskedOcclusionCulling, HostileInputStaysInBounds) {
@@ -494,201 +405,129 @@ TEST(MaskedOcclusionCulling, HostileInputStaysInBounds) {
     }
 }
 
-namespace {
-
-// A triangle at sub-pixel screen positions (units of 1/256 px, y down): the
-// exact-coverage build must cover precisely the pixel centres inside it; the
-// default build snaps each vertex to the nearest whole pixel first.
-struct SubTri {
-    int x[3], y[3];
-    float w[3];
-    ScreenTriangle exact() const {
-        return {{x[0], x[1], x[2]}, {y[0], y[1], y[2]}, {1.0 / w[0], 1.0 / w[1], 1.0 / w[2]}, 8};
-    }
-    ScreenTriangle snapped() const {
-        const auto round = [](int v) { return int(std::nearbyint(v / 256.0)); }; // to even, as the set-up does
-        return {{round(x[0]), round(x[1]), round(x[2])},
-                {round(y[0]), round(y[1]), round(y[2])},
-                {1.0 / w[0], 1.0 / w[1], 1.0 / w[2]}};
-    }
-    // What this build is documented to draw.
-    ScreenTriangle drawn() const { return ZELK_EXACT_COVERAGE ? exact() : snapped(); }
-};
-
-void renderSub(Moc& m, const std::vector<SubTri>& tris) {
-    unsigned w, h;
-    m.GetResolution(w, h);
-    std::vector<float> v(tris.size() * 12);
-    std::vector<uint16_t> idx;
-    for (const SubTri& t : tris)
-        for (int k = 0; k < 3; ++k) {
-            testing_support::clipFromScreen(float(t.x[k]) / 256.0f, float(t.y[k]) / 256.0f, t.w[k], int(w), int(h),
-                                            &v[idx.size() * 4]);
-            idx.push_back(uint16_t(idx.size()));
-        }
-    // Unclipped: clipping would place new vertices on the grid.
-    m.RenderTriangles(v.data(), idx.data(), int(tris.size()), nullptr, Moc::WindingKeepBoth, Moc::ClipNone, kPacked);
-}
-
-// Random oblique, thin, sliver and tiny triangles around a w x h screen.
-// For snapping, positions never end in exactly half a pixel (the rounding
-// would depend on the projection); for exact coverage some vertices sit on
-// pixel centres.
-SubTri randomSubTri(std::mt19937& rng, int w, int h, int kind) {
-    std::uniform_int_distribution<int> px(-20 * 256, (w + 20) * 256), py(-20 * 256, (h + 20) * 256);
-    std::uniform_int_distribution<int> near(-6 * 256, 6 * 256), depth(1, 20);
-    SubTri t = {{px(rng), px(rng), px(rng)}, {py(rng), py(rng), py(rng)}, {1, 1, 1}};
-    if (kind == 1) { // thin: two vertices close together
-        t.x[1] = t.x[0] + near(rng) / 4;
-        t.y[1] = t.y[0] + near(rng) / 4;
-    } else if (kind == 2) { // sliver: the third vertex a fraction of a pixel off the line
-        const double s = std::uniform_real_distribution<double>(0.1, 0.9)(rng);
-        t.x[2] = int(t.x[0] + s * (t.x[1] - t.x[0])) + near(rng) / 12;
-        t.y[2] = int(t.y[0] + s * (t.y[1] - t.y[0])) + near(rng) / 12;
-    } else if (kind == 3) { // small
-        for (int k = 1; k < 3; ++k) t.x[k] = t.x[0] + near(rng), t.y[k] = t.y[0] + near(rng);
-    }
-    std::uniform_int_distribution<int> coin(0, 7);
-    for (int k = 0; k < 3; ++k) {
-        if (!ZELK_EXACT_COVERAGE) {
-            t.x[k] += (t.x[k] & 255) == 128;
-            t.y[k] += (t.y[k] & 255) == 128;
-        } else if (coin(rng) == 0) { // on a pixel centre: the tie rules decide
-            t.x[k] = (t.x[k] & ~255) | 128;
-            t.y[k] = (t.y[k] & ~255) | 128;
-        }
-        t.w[k] = float(depth(rng));
-    }
-    return t;
-}
-
-} // namespace
-
 TEST(MaskedOcclusionCulling, SubPixelCoverageFollowsTheBuildMode) {
     // Each triangle alone on a cleared buffer at three resolutions (the
     // largest the engine accepts included): every subtile holds exactly the
-    // pixels the reference covers for this build. The default build's snapping
-    // is measured against exact coverage: the pixels it adds (never farther
-    // than a vertex moves) and drops.
+    // pixels the reference covers for this build, as a mask or, when all 32
+    // are covered, as a finished layer no farther than the triangle's plane at
+    // the subtile's farthest corner (the scenes below bound it from the front).
     const int sizes[3][2] = {{96, 40}, {320, 192}, {1920, 1080}};
     std::mt19937 rng(99);
-    long added = 0, dropped = 0, covered = 0;
+    int full = 0;
     for (const auto& size : sizes) {
         const int w = size[0], h = size[1];
         auto m = makeMoc(unsigned(w), unsigned(h));
         for (int trial = 0; trial < (w < 1000 ? 1200 : 150); ++trial) {
-            const SubTri t = randomSubTri(rng, w, h, trial % 4);
+            Tri t = randomSubTri(rng, w, h, trial % 4);
+            // Exact builds start each size with a sliver whose box holds one
+            // pixel centre, its leftmost vertex (10.5, 10.5): covered, as both
+            // edges there bound it on the left.
+            if (ZELK_EXACT_COVERAGE && trial == 0) t = {{2688, 2788, 2788}, {2688, 2488, 2888}, {1, 2, 3}};
             m->ClearBuffer();
             renderSub(*m, {t});
-            const ScreenTriangle s = t.drawn(), e = t.exact();
+            const ScreenTriangle s = t.drawn();
             // Tiles beyond the box around the vertices (and a pixel more) stay clear.
-            const int x0 = std::max(0, (std::min({t.x[0], t.x[1], t.x[2]}) >> 8) - 1);
-            const int x1 = std::min(w - 1, (std::max({t.x[0], t.x[1], t.x[2]}) >> 8) + 1);
-            const int y0 = std::max(0, (std::min({t.y[0], t.y[1], t.y[2]}) >> 8) - 1);
-            const int y1 = std::min(h - 1, (std::max({t.y[0], t.y[1], t.y[2]}) >> 8) + 1);
+            const auto box = [](const int* v, int limit, int size) {
+                return std::array<int, 2>{std::max(0, (std::min({v[0], v[1], v[2]}) >> 8) - 1) / size,
+                                          std::min(limit - 1, (std::max({v[0], v[1], v[2]}) >> 8) + 1) / size};
+            };
+            const auto bx = box(t.x, w, 32), by = box(t.y, h, 4);
             for (int ty = 0; ty < h / 4; ++ty)
                 for (int tx = 0; tx < w / 32; ++tx) {
                     const Moc::TileData d = tile(*m, tx, ty);
-                    if (tx < x0 / 32 || tx > x1 / 32 || ty < y0 / 4 || ty > y1 / 4) {
-                        for (int lane = 0; lane < 4; ++lane)
-                            ASSERT_TRUE(d.coverageMask[lane] == 0 && d.referenceDepth[lane] == -1.0f) << trial;
-                        continue;
-                    }
+                    const bool beyond = tx < bx[0] || tx > bx[1] || ty < by[0] || ty > by[1];
                     for (int lane = 0; lane < 4; ++lane) {
                         uint32_t expected = 0;
-                        for (int bit = 0; bit < 32; ++bit) {
-                            const int i = tx * 32 + lane * 8 + bit % 8, j = ty * 4 + bit / 8;
-                            const bool in = ReferenceRasterizer::covers(s, i, j),
-                                       truly = ReferenceRasterizer::covers(e, i, j);
-                            expected |= uint32_t(in) << bit;
-                            covered += truly;
-                            added += in && !truly;
-                            // A vertex moves at most 0.7072 px, and so does the edge.
-                            if (in && !truly) {
-                                ASSERT_GE(ReferenceRasterizer::insideDistance(e, i, j), -0.7072);
-                            }
-                            dropped += truly && !in;
-                        }
+                        const int i0 = tx * 32 + lane * 8, j0 = ty * 4;
+                        for (int bit = 0; bit < 32 && !beyond; ++bit)
+                            expected |= uint32_t(ReferenceRasterizer::covers(s, i0 + bit % 8, j0 + bit / 8)) << bit;
                         const bool isFull = expected == 0xFFFFFFFFu;
                         ASSERT_EQ(d.coverageMask[lane], isFull ? 0u : expected)
                             << w << " " << trial << ": " << tx << "," << ty;
                         ASSERT_EQ(d.referenceDepth[lane] > -1.0f, isFull) << w << " " << trial;
+                        if (!isFull) continue;
+                        double corner = std::min({s.z[0], s.z[1], s.z[2]}), plane = INFINITY;
+                        for (int c = 0; c < 4; ++c)
+                            plane = std::min(plane, ReferenceRasterizer::depthAt(s, i0 + c % 2 * 8, j0 + c / 2 * 4));
+                        corner = std::max(corner, plane);
+                        ASSERT_GE(d.referenceDepth[lane], corner * (1 - kDepthTolerance)) << w << " " << trial;
+                        ++full;
                     }
                 }
         }
     }
-    std::printf("masked coverage (%s): of %ld pixels exactly covered, %ld dropped, %ld covered beyond exact\n",
-                ZELK_EXACT_COVERAGE ? "exact" : "snapped", covered, dropped, added);
-    if (ZELK_EXACT_COVERAGE) {
-        EXPECT_EQ(0, added + dropped);
-    } else {
-        EXPECT_GT(added, 0);
-        EXPECT_GT(dropped, 0);
-    }
+    EXPECT_GT(full, 1000);
 }
 
 TEST(MaskedOcclusionCulling, SubPixelScenesStayBehindTheDocumentedCoverage) {
     // Random depth-varying scenes at two resolutions against the reference of
-    // this build (exact pixel-centre coverage, or snapped vertices): no
-    // finished subtile is nearer than the reference at any of its pixels, and
-    // no rectangle that shows a pixel nearer than the geometry is reported
-    // hidden. A finely tessellated, jittered wall leaves no crack: every
-    // subtile inside its outline is finished.
+    // this build: no finished subtile is nearer than the reference at any of
+    // its pixels, and no rectangle that shows a pixel nearer than the geometry
+    // is reported hidden. Strided vertices, and swapped ones that modelToClip
+    // swaps back, draw the very same buffer.
     std::mt19937 rng(5);
     std::uniform_real_distribution<float> ndc(-1.1f, 1.1f), wmins(0.5f, 25.0f);
+    const auto pixel = [](float v, int size) {
+        return std::min(std::max(int(std::trunc(std::fma(size * 0.5f, v, size * 0.5f))), 0), size - 1);
+    };
     int occluded = 0;
     for (int scene = 0; scene < 30; ++scene) {
         const int w = scene % 2 ? 128 : 320, h = scene % 2 ? 64 : 96;
-        auto m = makeMoc(unsigned(w), unsigned(h));
+        auto m = makeMoc(unsigned(w), unsigned(h)), other = makeMoc(unsigned(w), unsigned(h));
         ReferenceRasterizer ref(w, h);
-        std::vector<SubTri> tris;
-        for (int i = 0; i < 80; ++i) {
+        std::vector<Tri> tris;
+        for (int i = 0; i < 81; ++i) {
             tris.push_back(randomSubTri(rng, w, h, i % 4));
             ref.draw(tris.back().drawn());
         }
-        for (size_t first = 0; first < tris.size(); first += 9)
-            renderSub(*m, std::vector<SubTri>(tris.begin() + first, tris.begin() + std::min(tris.size(), first + 9)));
-        expectFinishedBehind(*m, ref);
+        renderSub(*m, tris);
+        renderSub(*other, tris, 1 + scene % 2);
+        EXPECT_TRUE(sameTiles(*m, *other)) << scene;
+        const auto tiles = allTiles(*m);
+        for (size_t i = 0; i < tiles.size(); ++i)
+            for (int lane = 0; lane < 4; ++lane)
+                for (int p = 0; p < 32 && tiles[i].referenceDepth[lane] != -1.0f; ++p) {
+                    const double d =
+                        ref.depth(int(i) % (w / 32) * 32 + lane * 8 + p % 8, int(i) / (w / 32) * 4 + p / 8);
+                    ASSERT_LE(tiles[i].referenceDepth[lane], d + kDepthTolerance * d) << scene << ": " << i;
+                }
         for (int q = 0; q < 200; ++q) {
-            float x0 = ndc(rng), x1 = ndc(rng), y0 = ndc(rng), y1 = ndc(rng);
+            float x0 = ndc(rng), x1 = ndc(rng), y0 = ndc(rng), y1 = ndc(rng), wmin = wmins(rng);
             if (x0 > x1) std::swap(x0, x1);
             if (y0 > y1) std::swap(y0, y1);
-            occluded += rectHidden(*m, ref, x0, y0, x0 + (x1 - x0) * 0.05f, y0 + (y1 - y0) * 0.05f, wmins(rng));
+            x1 = x0 + (x1 - x0) * 0.05f, y1 = y0 + (y1 - y0) * 0.05f;
+            if (m->TestRect(x0, y0, x1, y1, wmin) != Moc::Occluded) continue;
+            ++occluded;
+            for (int j = pixel(-y1, h); j <= pixel(-y0, h); ++j)
+                for (int i = pixel(x0, w); i <= pixel(x1, w); ++i)
+                    ASSERT_GE(ref.depth(i, j), (1.0 - kDepthTolerance) / wmin) << scene << ": " << i << "," << j;
         }
     }
     EXPECT_GT(occluded, 300);
 
-    // The wall: 40 x 12 cells of about 5.3 x 5.3 px between (13.1, 10.3) and
-    // (225.4, 73.9) on a 256 x 96 screen, inner vertices jittered by up to a
-    // pixel, two triangles per cell in alternating diagonals.
+    // A wall of 40 x 12 cells of about 5.3 x 5.3 px between (13.1, 10.3) and
+    // (225.4, 73.9), inner vertices jittered by up to a pixel, two triangles
+    // per cell in alternating diagonals: no crack, every subtile
+    // wholly inside (x 16..223, y 12..71) is finished.
     const int cols = 40, rows = 12;
-    std::vector<int> vx, vy;
     std::uniform_int_distribution<int> jitter(-256, 256);
+    std::vector<std::array<int, 2>> v;
     for (int r = 0; r <= rows; ++r)
         for (int c = 0; c <= cols; ++c) {
-            const bool border = r == 0 || c == 0 || r == rows || c == cols;
-            vx.push_back(int(13.1 * 256) + c * (int(212.3 * 256) / cols) + (border ? 0 : jitter(rng)));
-            vy.push_back(int(10.3 * 256) + r * (int(63.6 * 256) / rows) + (border ? 0 : jitter(rng)));
+            const int inner = r % rows && c % cols;
+            v.push_back({int(13.1 * 256) + c * (int(212.3 * 256) / cols) + inner * jitter(rng),
+                         int(10.3 * 256) + r * (int(63.6 * 256) / rows) + inner * jitter(rng)});
         }
-    std::vector<SubTri> wall;
-    const auto at = [&](int r, int c) { return size_t(r * (cols + 1) + c); };
+    std::vector<Tri> wall;
     for (int r = 0; r < rows; ++r)
         for (int c = 0; c < cols; ++c) {
-            const size_t a = at(r, c), b = at(r, c + 1), d = at(r + 1, c), e = at(r + 1, c + 1);
-            const size_t tri[2][3] = {{a, b, (r + c) % 2 ? e : d}, {(r + c) % 2 ? a : b, e, d}};
-            for (const auto& t : tri)
-                wall.push_back({{vx[t[0]], vx[t[1]], vx[t[2]]}, {vy[t[0]], vy[t[1]], vy[t[2]]}, {2, 2, 2}});
+            const int i = r * (cols + 1) + c, f = (r + c) % 2;
+            for (const auto& k :
+                 {std::array<int, 3>{i, i + 1, i + cols + 1 + f}, {i + 1 - f, i + cols + 2, i + cols + 1}})
+                wall.push_back({{v[k[0]][0], v[k[1]][0], v[k[2]][0]}, {v[k[0]][1], v[k[1]][1], v[k[2]][1]}, {2, 2, 2}});
         }
     auto m = makeMoc(256, 96);
-    for (size_t first = 0; first < wall.size(); first += 64) // one call per 64 triangles
-        renderSub(*m, std::vector<SubTri>(wall.begin() + first, wall.begin() + std::min(wall.size(), first + 64)));
-    // Subtiles wholly inside x 13.1..225.4, y 10.3..73.9: x 16..223, y 12..71.
-    int finished = 0;
+    renderSub(*m, wall);
     for (int ty = 3; ty < 18; ++ty)
-        for (int sx = 2; sx < 28; ++sx) {
-            const Moc::TileData d = tile(*m, sx / 4, ty);
-            EXPECT_NEAR(d.referenceDepth[sx % 4], 0.5f, kDepthTolerance) << sx << "," << ty;
-            finished += d.referenceDepth[sx % 4] > 0.49f;
-        }
-    EXPECT_EQ(15 * 26, finished);
+        for (int sx = 2; sx < 28; ++sx) EXPECT_NEAR(tile(*m, sx / 4, ty).referenceDepth[sx % 4], 0.5f, kDepthTolerance);
 }
