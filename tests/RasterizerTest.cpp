@@ -365,7 +365,8 @@ TEST(Rasterizer, QueriesFollowTheBlockRules) {
         ExactDepthBuffer codes(32, 16);
         for (int y = 0; y < 16; ++y)
             for (int x = 0; x < 32; ++x) {
-                const double d = common::simd_detail::bitsFloat(uint32_t(r.pixelDepth(unsigned(x), unsigned(y))) << 12);
+                const double d = common::lane<0>(
+                    common::asFloat(common::splatInt(int32_t(r.pixelDepth(unsigned(x), unsigned(y))) << 12)));
                 if (d > 0) codes.drawTriangle({x + 0.2, y + 0.2, d}, {x + 0.8, y + 0.5, d}, {x + 0.2, y + 0.8, d});
             }
         for (int i = 0; i < 2000; ++i) {
