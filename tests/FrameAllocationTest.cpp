@@ -8,9 +8,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
-#include <memory>
 #include <new>
 #include <thread>
 
@@ -19,13 +19,9 @@ thread_local long allocations = 0;
 
 void* counted(size_t size, size_t alignment) {
     ++allocations;
-    size = size == 0 ? 1 : size;
-    void* p = nullptr;
-    if (alignment <= alignof(std::max_align_t))
-        p = std::malloc(size);
-    else if (posix_memalign(&p, alignment, size) != 0)
-        p = nullptr;
-    if (p == nullptr) throw std::bad_alloc();
+    void* p = nullptr; // posix_memalign for every size, so that std::free releases them all
+    if (posix_memalign(&p, std::max(alignment, alignof(std::max_align_t)), size == 0 ? 1 : size) != 0)
+        throw std::bad_alloc();
     return p;
 }
 } // namespace
@@ -47,53 +43,52 @@ TEST(FrameAllocation, WarmFramesDoNotAllocate) {
     const testing_support::CityScene scene = testing_support::makeCityScene(640.0f / 360.0f);
     // Odd buildings are rigid: first as set A, later as B, equal copies at
     // other addresses and so other meshes to the engine.
-    const std::vector<testing_support::Mesh> setB = scene.meshes;
+    const std::vector<testing_support::Mesh>& setA = scene.meshes;
+    const std::vector<testing_support::Mesh> setB = setA;
     const std::vector<float> boxes = testing_support::makeCityQueryBoxes(scene, 1000, 5);
-    std::unique_ptr<bool[]> visible(new bool[1000]);
+    bool visible[1000];
     const float params[4] = {};
     ASSERT_EQ(1, zelkInit(640, 360, scene.nearPlane));
-    const std::shared_ptr<common::CacheManager> cache = ZELK::ZELKPrivate::peek()->getCacheManager();
+    ZELK::ZELKPrivate* engine = ZELK::ZELKPrivate::peek();
 
-    auto runFrame = [&](const std::vector<testing_support::Mesh>& rigid) {
+    const auto runFrame = [&](const std::vector<testing_support::Mesh>& rigid) {
         zelkStartNewFrame(params, scene.viewProjection.data());
-        for (size_t i = 0; i < scene.meshes.size(); ++i) {
-            const auto& m = i % 2 ? rigid[i] : scene.meshes[i];
+        for (size_t i = 0; i < setA.size(); ++i) {
+            const auto& m = i % 2 ? rigid[i] : setA[i];
             zelkSubmitOccluder(m.vertices.data(), m.indices.data(), m.vertexCount(), m.indexCount(),
                                i % 2 ? ZELK_RIGID : ZELK_NON_RIGID, scene.models[i].data());
         }
         zelkRenderOccluders();
-        zelkBatchQuery(boxes.data(), 1000, visible.get());
+        zelkBatchQuery(boxes.data(), 1000, visible);
     };
-    auto allCached = [&](const std::vector<testing_support::Mesh>& rigid) {
-        for (size_t i = 1; i < rigid.size(); i += 2)
-            if (!cache->get(rigid[i].vertices.data(), rigid[i].indices.data())) return false;
-        return true;
+    const auto bakeAll = [&](const std::vector<testing_support::Mesh>& rigid) {
+        const auto allCached = [&] {
+            for (size_t i = 1; i < rigid.size(); i += 2)
+                if (!engine->getCacheManager()->get(rigid[i].vertices.data(), rigid[i].indices.data())) return false;
+            return true;
+        };
+        for (int i = 0; i < 1000 && !allCached(); ++i) {
+            runFrame(rigid);
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        return allCached();
     };
     // Warm-up: every list, the loader's queue and its pending set reach the
     // size of set A, which then bakes completely. The worker is held during
     // the first frame so that all of A is queued at once, as B will be.
-    ZELK::ZELKPrivate::peek()->getAsyncLoader().pauseThread();
-    for (int i = 0; i < 1000 && !allCached(scene.meshes); ++i) {
-        runFrame(scene.meshes);
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    ASSERT_TRUE(allCached(scene.meshes));
-    for (int i = 0; i < 3; ++i) runFrame(scene.meshes);
+    engine->getAsyncLoader().pauseThread();
+    ASSERT_TRUE(bakeAll(setA));
+    for (int i = 0; i < 3; ++i) runFrame(setA);
 
     // Set B is raw at first: drawn, queued and baked while these frames run.
     const long before = allocations;
     for (int i = 0; i < 10; ++i) runFrame(setB);
     EXPECT_EQ(before, allocations);
-    const auto& frameInfo = ZELK::ZELKPrivate::peek()->getFrameInfo();
-    EXPECT_EQ(260u, frameInfo.rawOccluders.size() + frameInfo.cachedOccluders.size());
+    EXPECT_EQ(260u, engine->getFrameInfo().rawOccluders.size() + engine->getFrameInfo().cachedOccluders.size());
     int hidden = 0;
     for (int b = 0; b < 1000; b += 2) hidden += visible[b] ? 0 : 1;
-    EXPECT_GT(hidden, 0);    // the frames really drew: boxes inside buildings are hidden
-    EXPECT_TRUE(visible[1]); // and boxes in the open are not
-    for (int i = 0; i < 1000 && !allCached(setB); ++i) {
-        runFrame(setB);
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    EXPECT_TRUE(allCached(setB)); // the measured frames did queue set B
+    EXPECT_GT(hidden, 0);       // the frames really drew: boxes inside buildings are hidden
+    EXPECT_TRUE(visible[1]);    // and boxes in the open are not
+    EXPECT_TRUE(bakeAll(setB)); // the measured frames did queue set B
     zelkDestroy();
 }
