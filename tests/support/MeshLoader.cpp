@@ -85,17 +85,30 @@ bool loadMesh(const std::string& path, Mesh& out) {
 #endif
 }
 
+namespace {
+
+const char* const kRealMeshPaths[] = {
+    "/usr/share/glmark2/models/bunny.obj",
+    "/usr/share/assimp/models/PLY/Wuson.ply",
+    "/usr/share/assimp/models/OBJ/spider.obj",
+    "/usr/share/assimp/models/OBJ/regr01.obj",
+    "/usr/share/assimp/models/STL/sphereWithHole.stl",
+    "/usr/share/assimp/models/STL/3DSMaxExport.STL",
+};
+
+} // namespace
+
+std::vector<std::string> realMeshesMissing() {
+    std::vector<std::string> missing;
+    Mesh mesh;
+    for (const char* path : kRealMeshPaths)
+        if (!loadMesh(path, mesh)) missing.emplace_back(path);
+    return missing;
+}
+
 std::vector<NamedMesh> loadRealMeshes() {
-    static const char* const kPaths[] = {
-        "/usr/share/glmark2/models/bunny.obj",
-        "/usr/share/assimp/models/PLY/Wuson.ply",
-        "/usr/share/assimp/models/OBJ/spider.obj",
-        "/usr/share/assimp/models/OBJ/regr01.obj",
-        "/usr/share/assimp/models/STL/sphereWithHole.stl",
-        "/usr/share/assimp/models/STL/3DSMaxExport.STL",
-    };
     std::vector<NamedMesh> meshes;
-    for (const char* path : kPaths) {
+    for (const char* path : kRealMeshPaths) {
         NamedMesh named;
         if (!loadMesh(path, named.mesh)) continue;
         const std::string p(path);
