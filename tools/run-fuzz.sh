@@ -9,9 +9,10 @@
 #   tools/run-fuzz.sh 3600 EngineFuzz  one target for an hour
 # The corpus grows in build/fuzz/corpus/<target>/ and is reused by later runs.
 # Resident memory is capped at ZELK_FUZZ_RSS_MB (2048). EngineFuzz creeps up
-# by about 80 MB a minute under the address sanitizer (its bookkeeping of the
-# thread each engine starts; 30,000 lifetimes in a release build stay at
-# 3.5 MB), so runs of EngineFuzz past a quarter of an hour need more.
+# by about 80 MB a minute: the address sanitizer's own bookkeeping (30,000
+# engine lifetimes stay at 3.5 MB in a release build, and grow by about 1 MB
+# per thousand once its quarantine is full under the sanitizer), so runs of
+# EngineFuzz past a quarter of an hour need more.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
