@@ -270,6 +270,10 @@ TEST(Rasterizer, WallsDrawWhereTheyAreAndBlocksOnlyMoveNearer) {
     r.setResolution(0, 0);
     EXPECT_EQ(0u, r.depthBufferSize());
     EXPECT_EQ(8u, r.blockDepthSize()); // spare entries for loads of eight blocks
+    r.setModelViewProjection(common::Matrix4x4::fromColumnMajor(kPerspective));
+    r.rasterize<false>(*bake({{{0, 0, 8, 8}, {0, 8, 8, 0}, {5, 5, 5, 5}}}, 8, 8)); // no buffer: nothing drawn,
+    const float box[6] = {-1, -1, 20, 1, 1, 22};
+    EXPECT_TRUE(r.query(box, box + 3)); // everything visible
     setUp(r, width, height);
     // An axis-aligned wall (refMax.z == refMin.z, the commonest occluder) covers exactly the pixel
     // centres inside [10, 50] x [6, 22], at D = (1 - z/w) s for z = 7.
@@ -429,35 +433,4 @@ TEST(Rasterizer, BoxTestsAgainstABakedWall) {
     front.render(nullptr);
     EXPECT_FALSE(front.query(behind, behind + 3));
     EXPECT_TRUE(front.query(nullptr, behind));
-}
-
-TEST(Rasterizer, HostileInputStaysInBounds) {
-    // Garbage packed words, reference boxes and matrices: nothing may be written outside the buffers
-    // (address sanitizer) and nothing may hang.
-    std::mt19937 rng(5);
-    const float specials[] = {kNaN, kInf, -kInf, 1e30f, -1e30f, 0.0f, -0.0f, 1e-30f, 3.0f, -3.0f};
-    const auto any = [&]() { return specials[rng() % 10] * (rng() % 2 ? 1.0f : float(rng() % 1000) / 100.0f); };
-    Rasterizer r;
-    r.setResolution(24, 16);
-    for (int trial = 0; trial < 400; ++trial) {
-        common::Occluder o;
-        o.refMin = make4(any(), any(), any(), 1);
-        o.refMax = make4(any(), any(), any(), 1);
-        for (int i = 0; i < 8; ++i)
-            o.packedVertices.push_back(
-                common::makeInt4(int32_t(rng()), int32_t(rng()), int32_t(rng()), int32_t(rng())));
-        float m[16];
-        for (float& v : m) v = rng() % 3 ? float(int(rng() % 7) - 3) : any();
-        r.setModelViewProjection(common::Matrix4x4::fromColumnMajor(trial % 4 ? m : kPerspective));
-        (trial % 2 ? r.rasterize<true>(o) : r.rasterize<false>(o));
-        const float lo[3] = {any(), any(), any()}, hi[3] = {any(), any(), any()};
-        r.query(lo, hi);
-        r.query2D(0, 23, 0, 15, uint16_t(rng()));
-        r.query2D(5, 1000, 3, 1000, uint16_t(rng())); // bounds past the screen are clamped
-    }
-    Rasterizer empty; // never sized: draws and answers without a buffer
-    empty.setModelViewProjection(common::Matrix4x4::fromColumnMajor(kPerspective));
-    empty.rasterize<false>(*bake({{{0, 0, 8, 8}, {0, 8, 8, 0}, {5, 5, 5, 5}}}, 8, 8));
-    const float box[6] = {-1, -1, 20, 1, 1, 22};
-    EXPECT_TRUE(empty.query(box, box + 3));
 }

@@ -125,7 +125,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             const unsigned w = raster.getWidth(), h = raster.getHeight();
             const unsigned x0 = in.u16(), x1 = in.u16(), y0 = in.u16(), y1 = in.u16(), depth = in.u16();
             if (w == 0 || h == 0) break;
-            raster.query2D(x0 % w, x1 % w, y0 % h, y1 % h, uint16_t(depth));
+            raster.query2D(x0 % w, x1, y0 % h, y1, uint16_t(depth)); // maxima past the screen are clamped
             break;
         }
         case BakedOpClear:

@@ -1,6 +1,7 @@
 // Writes the seed corpora of the fuzz targets, built from the tests' scenes:
 //   zelk_fuzz_seeds <directory>   makes <directory>/<target>/<seed> files.
 #include "FuzzStream.h"
+#include "common/Matrix4x4.h"
 #include "common/Occluder.h"
 #include "support/CityScene.h"
 #include "support/TestMeshes.h"
@@ -83,12 +84,10 @@ Writer stages(const TestMesh& m, uint32_t target, float aggressiveness, bool nor
 
 // The engine's product for building b: view-projection x model.
 std::array<float, 16> modelViewProjection(const testing_support::CityScene& city, size_t b) {
-    const auto& vp = city.viewProjection;
-    const auto& model = city.models[b];
-    std::array<float, 16> mvp{};
-    for (size_t j = 0; j < 4; ++j)
-        for (size_t i = 0; i < 4; ++i)
-            for (size_t k = 0; k < 4; ++k) mvp[j * 4 + i] += vp[k * 4 + i] * model[j * 4 + k];
+    using common::Matrix4x4;
+    std::array<float, 16> mvp;
+    (Matrix4x4::fromColumnMajor(city.viewProjection.data()) * Matrix4x4::fromColumnMajor(city.models[b].data()))
+        .toColumnMajor(mvp.data());
     return mvp;
 }
 

@@ -2,9 +2,12 @@
 // limits), near planes and matrices; arbitrary object-space meshes and
 // clip-space triangles with every winding and clip-plane mask; arbitrary
 // rectangles and boxes; clears and merges. Indices of the clip-space form are
-// kept inside the vertex array, as its contract asks.
+// kept inside the vertex array, as its contract asks. A NaN depth in the
+// buffer is a finding: no later comparison against it could hide anything.
 #include "FuzzStream.h"
 #include "util/MaskedOcclusionCulling.h"
+
+#include <cmath>
 
 using namespace fuzzing;
 using util::MaskedOcclusionCulling;
@@ -16,6 +19,14 @@ struct Buffer {
     ~Buffer() { MaskedOcclusionCulling::Destroy(masked); }
 };
 
+void checkNoNaN(const MaskedOcclusionCulling& m) {
+    MaskedOcclusionCulling::TileData t;
+    for (int ty = 0; m.ReadTile(0, ty, t); ++ty)
+        for (int tx = 0; m.ReadTile(tx, ty, t); ++tx)
+            for (int lane = 0; lane < 4; ++lane)
+                if (std::isnan(t.referenceDepth[lane]) || std::isnan(t.workingDepth[lane])) __builtin_trap();
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -24,7 +35,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     MaskedOcclusionCulling& m = *buffer.masked;
     float matrix[16];
     for (int step = 0; step < 32 && !in.done(); ++step) {
-        switch (in.u8() % MaskOpCount) {
+        const uint8_t op = in.u8() % MaskOpCount;
+        if (op == MaskOpResolution || op == MaskOpClear) checkNoNaN(m), checkNoNaN(*other.masked);
+        switch (op) {
         case MaskOpResolution: {
             const unsigned width = bufferSize(in.u8(), 1920), height = bufferSize(in.u8(), 1080);
             m.SetResolution(width, height);
@@ -76,7 +89,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         case MaskOpMerge: other.masked->MergeBuffer(&m); break;
         }
     }
-    MaskedOcclusionCulling::TileData tile;
-    m.ReadTile(0, 0, tile);
+    checkNoNaN(m);
+    checkNoNaN(*other.masked);
     return 0;
 }
