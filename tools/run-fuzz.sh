@@ -9,7 +9,8 @@
 #   tools/run-fuzz.sh 3600 EngineFuzz  one target for an hour
 # The corpus grows in build/fuzz/corpus/<target>/ and is reused by later runs.
 # Resident memory is capped at ZELK_FUZZ_RSS_MB (2048). EngineFuzz creeps up
-# by about 80 MB a minute: the address sanitizer's own bookkeeping (30,000
+# by 55 to 60 MB a minute over an hour-long run (faster in its first minutes;
+# 3.6 GB at the end): the address sanitizer's own bookkeeping (30,000
 # engine lifetimes stay at 3.5 MB in a release build, and grow by about 1 MB
 # per thousand once its quarantine is full under the sanitizer), so runs of
 # EngineFuzz past a quarter of an hour need more.
