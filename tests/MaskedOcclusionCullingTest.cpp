@@ -44,7 +44,7 @@ struct Tri {
     // What this build draws of a sub-pixel triangle: exact pixel-centre
     // coverage, or vertices rounded to whole pixels (to even, as the set-up does).
     ScreenTriangle drawn() const {
-        if (ZELK_EXACT_COVERAGE) return screen(8);
+        if (ZELK_CONSERVATIVE) return screen(8);
         Tri t = *this;
         for (int k = 0; k < 3; ++k)
             t.x[k] = int(std::nearbyint(x[k] * kSub)), t.y[k] = int(std::nearbyint(y[k] * kSub));
@@ -121,7 +121,7 @@ Tri randomSubTri(std::mt19937& rng, int w, int h, int kind) {
         for (int k = 1; k < 3; ++k) t.x[k] = t.x[0] + near(rng), t.y[k] = t.y[0] + near(rng);
     }
     for (int k = 0; k < 3; ++k) {
-        if (!ZELK_EXACT_COVERAGE) {
+        if (!ZELK_CONSERVATIVE) {
             t.x[k] += (t.x[k] & 255) == 128;
             t.y[k] += (t.y[k] & 255) == 128;
         } else if (coin(rng) == 0) {
@@ -387,7 +387,7 @@ TEST(MaskedOcclusionCulling, SubPixelCoverageFollowsTheBuildMode) {
             // Exact builds start each size with a sliver whose box holds one
             // pixel centre, its leftmost vertex (10.5, 10.5): covered, as both
             // edges there bound it on the left.
-            if (ZELK_EXACT_COVERAGE && trial == 0) t = {{2688, 2788, 2788}, {2688, 2488, 2888}, {1, 2, 3}};
+            if (ZELK_CONSERVATIVE && trial == 0) t = {{2688, 2788, 2788}, {2688, 2488, 2888}, {1, 2, 3}};
             m->ClearBuffer();
             renderSub(*m, {t});
             const ScreenTriangle s = t.drawn();

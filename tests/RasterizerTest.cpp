@@ -77,7 +77,7 @@ std::vector<ClipQuad> clipQuads(const common::Occluder& o) {
 // (3%). Block depths are the exact minimum of their pixels.
 void compareWithExact(const Rasterizer& r, const common::Occluder& o, int kind, double inset, size_t (&counts)[2]) {
     const int width = int(r.getWidth()), height = int(r.getHeight());
-    const double rimWidth = ZELK_EXACT_COVERAGE ? 0.0 : 0.75;
+    const double rimWidth = ZELK_CONSERVATIVE ? 0.0 : 0.75;
     ExactDepthBuffer dilated(width, height), strict(width, height), in(width, height), rim(width, height);
     for (const ClipQuad& c : clipQuads(o)) {
         testing_support::ScreenVertex v[4]; // flat at the nearest corner's depth
@@ -215,7 +215,7 @@ TEST(Rasterizer, StoredTablesEqualTheirConstructions) {
 
     // A rasteriser holds the table of its build; rebuilding ORs the samples in.
     Rasterizer r;
-    EXPECT_EQ(ZELK_EXACT_COVERAGE ? conservative : built, r.getRasterizationTable());
+    EXPECT_EQ(ZELK_CONSERVATIVE ? conservative : built, r.getRasterizationTable());
     std::vector<uint64_t> merged = r.getRasterizationTable();
     for (size_t i = 0; i < merged.size(); ++i) merged[i] |= built[i];
     r.precomputeRasterizationTable();
@@ -261,7 +261,7 @@ TEST(Rasterizer, RandomQuadsStayWithinExactCoverageAndDepth) {
     EXPECT_GT(counts[1][0], 50000u);
     EXPECT_GE(double(counts[1][1]), 0.995 * double(counts[1][0]));
     EXPECT_GT(counts[2][0], 30000u);
-    EXPECT_GE(double(counts[2][1]), (ZELK_EXACT_COVERAGE ? 0.91 : 0.97) * double(counts[2][0]));
+    EXPECT_GE(double(counts[2][1]), (ZELK_CONSERVATIVE ? 0.91 : 0.97) * double(counts[2][0]));
 }
 
 TEST(Rasterizer, WallsDrawWhereTheyAreAndBlocksOnlyMoveNearer) {

@@ -2,7 +2,7 @@
 # Builds and runs every test: SSE4.1 release (plus static analysis, the leak
 # check under valgrind, the installed-package check and one short run of every
 # benchmark), the scalar vector layer, address and undefined-behaviour
-# sanitizers, thread sanitizer, AArch64 NEON under qemu, the exact-coverage
+# sanitizers, thread sanitizer, AArch64 NEON under qemu, the conservative
 # build on the three vector backends (on scalar and AArch64 only the rasteriser
 # and engine suites, which it changes), and each fuzz target for
 # ZELK_FUZZ_SECONDS (default 60). Pass names to run a subset, e.g.
@@ -53,7 +53,7 @@ report_skips() {
 }
 
 presets=("$@")
-[ ${#presets[@]} -eq 0 ] && presets=(release scalar asan tsan aarch64 exact exact-scalar exact-aarch64 fuzz)
+[ ${#presets[@]} -eq 0 ] && presets=(release scalar asan tsan aarch64 conservative conservative-scalar conservative-aarch64 fuzz)
 jobs=$(nproc)
 for preset in "${presets[@]}"; do
   echo "=== $preset ==="

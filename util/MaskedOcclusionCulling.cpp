@@ -122,7 +122,7 @@ ZELK_INLINE void updateLayers(MaskedTile& tile, float4 zTri, int4 cov) {
     tile.coverageMask = common::andNot(newMask, full);
 }
 
-#if ZELK_EXACT_COVERAGE
+#if ZELK_CONSERVATIVE
 // Vertices keep 8 fraction bits: within +-kCoordLimit pixels a coordinate
 // needs 21 bits, an edge's dy 22, and 2^8 dy (the denominator below) stays
 // below 2^30, so remainders and their sums fit 32-bit lanes.
@@ -530,7 +530,7 @@ int MaskedOcclusionCullingPrivate::projectAndRasterize(float4 vX[3], float4 vY[3
     float4 sx[3], sy[3], sz[3];
     for (int k = 0; k < 3; ++k) {
         const float4 r = common::rcp(vW[k]);
-#if ZELK_EXACT_COVERAGE
+#if ZELK_CONSERVATIVE
         // Sub-pixel positions on the rasteriser's fixed-point grid; a true
         // division puts every backend on the same grid point.
         static const float4 kScale = common::splat(float(kSubpixelOne));
@@ -556,7 +556,7 @@ int MaskedOcclusionCullingPrivate::projectAndRasterize(float4 vX[3], float4 vY[3
         sy[2] = common::select(positive, y1, sy[2]);
         sz[2] = common::select(positive, z1, sz[2]);
     }
-#if ZELK_EXACT_COVERAGE
+#if ZELK_CONSERVATIVE
     {
         // A triangle whose bounding box holds no pixel centre covers none:
         // most sub-pixel triangles (those snapping would flatten) end here.
@@ -769,7 +769,7 @@ void MaskedOcclusionCullingPrivate::rasterizeTriangle(const float* xs, const flo
     if (ys[ib] < ys[ia]) std::swap(ia, ib);
     if (ys[ic] < ys[ib]) std::swap(ib, ic);
     if (ys[ib] < ys[ia]) std::swap(ia, ib);
-#if ZELK_EXACT_COVERAGE
+#if ZELK_CONSERVATIVE
     const float scale = float(kSubpixelOne); // positions lie on this grid already
 #else
     const float scale = 1.0f;

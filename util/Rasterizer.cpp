@@ -114,7 +114,7 @@ EdgeLanes setupEdge(float4 x0, float4 y0, float4 x1, float4 y1) {
 } // namespace
 
 Rasterizer::Rasterizer() : localToClip(new RasterizerLocalToClip()) {
-    const uint64_t* stored = ZELK_EXACT_COVERAGE ? kConservativeRasterizationTable : kRasterizationTable;
+    const uint64_t* stored = ZELK_CONSERVATIVE ? kConservativeRasterizationTable : kRasterizationTable;
     rasterizationTable.assign(stored, stored + kTableSize);
     for (auto& group : planeLanes)
         for (float4& v : group) v = zero4();
@@ -405,7 +405,7 @@ void Rasterizer::drawBatch(const ScreenBatch& q) {
     EdgeLanes edges[4];
     for (int k = 0; k < 4; ++k) edges[k] = setupEdge(x[k], y[k], x[(k + 1) & 3], y[(k + 1) & 3]);
     const EdgeLanes diag = setupEdge(x[2], y[2], x[0], y[0]);
-    const EdgeLanes back = ZELK_EXACT_COVERAGE ? setupEdge(x[0], y[0], x[2], y[2]) : diag;
+    const EdgeLanes back = ZELK_CONSERVATIVE ? setupEdge(x[0], y[0], x[2], y[2]) : diag;
 
     // Depth plane through the larger of the two triangles (c0 c1 c2) and
     // (c0 c2 c3), lowered until the remaining corner is not nearer than it,
@@ -520,7 +520,7 @@ void Rasterizer::drawQuad(const QuadSetup& s) {
                     const int column = lane<0>(min(max(truncToInt(splat(diagOffset)), splatInt(0)), splatInt(63)));
                     const uint64_t diag = table[s.diagSlope + column] | s.diagForce;
                     uint64_t back = ~diag;
-                    if (ZELK_EXACT_COVERAGE) {
+                    if (ZELK_CONSERVATIVE) {
                         const float backOffset = (s.backBase + s.backIncY * float(by)) + s.backIncX * float(bx);
                         const int backColumn =
                             lane<0>(min(max(truncToInt(splat(backOffset)), splatInt(0)), splatInt(63)));
