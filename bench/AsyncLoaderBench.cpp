@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "common/AsyncLoader.h"
+#include "common/OccluderBaker.h"
 #include "support/MeshLoader.h"
 #include "zelk.h"
 
@@ -74,7 +75,7 @@ void loadBench(benchmark::State& state, size_t index) {
         auto cache = std::make_shared<common::CacheManager>();
         loader.setCacheMgr(cache);
         loader.load(record(m));
-        const auto group = cache->get(m.vertices.data(), m.indices.data());
+        const auto group = cache->get({m.vertices.data(), m.indices.data()});
         packed = group ? group->getOccluder(1.0f)->packedVertices.size() : 0;
         benchmark::DoNotOptimize(packed);
     }
@@ -91,7 +92,7 @@ void reduceShareBench(benchmark::State& state, size_t index) {
     for (auto _ : state) {
         total = 0;
         for (unsigned lod = 0; lod < 3; ++lod) {
-            const bool last = common::AsyncLoader::levelMesh(record(m), lod, vertices, indices);
+            const bool last = common::OccluderBaker::levelMesh(record(m), lod, vertices, indices);
             total += indices.size();
             if (last) break;
         }

@@ -39,7 +39,7 @@ void submitFrame(benchmark::State& state, RigidType rigid, bool cached) {
     if (cached) {
         const auto cache = ZELK::ZELKPrivate::peek()->getCacheManager();
         for (const auto& m : scene.meshes)
-            cache->cache(m.vertices.data(), m.indices.data(), std::make_shared<common::OccluderGroup>());
+            cache->cache({m.vertices.data(), m.indices.data()}, std::make_shared<common::OccluderGroup>());
     }
     size_t recorded = 0;
     for (auto _ : state) {

@@ -139,7 +139,7 @@ void cachedFrames(benchmark::State& state, bool moving) {
     zelkInit(width, height, city.scene.nearPlane);
     const auto cache = ZELK::ZELKPrivate::peek()->getCacheManager();
     for (size_t i = 0; i < city.groups.size(); ++i)
-        cache->cache(city.scene.meshes[i].vertices.data(), city.scene.meshes[i].indices.data(), city.groups[i]);
+        cache->cache({city.scene.meshes[i].vertices.data(), city.scene.meshes[i].indices.data()}, city.groups[i]);
     std::array<float, 16> other = city.scene.viewProjection;
     other[12] += 1e-4f;
     int64_t frame = 0;

@@ -2,41 +2,29 @@
 
 namespace common {
 
-const std::shared_ptr<OccluderGroup>* CacheManager::find(const float* vertices, const uint16_t* indices) const {
-    if (vertices == nullptr || indices == nullptr) return nullptr;
-    const auto outer = groups.find(vertices);
-    if (outer == groups.end()) return nullptr;
-    const auto inner = outer->second.find(indices);
-    return inner == outer->second.end() ? nullptr : &inner->second;
-}
-
-std::shared_ptr<OccluderGroup> CacheManager::get(const float* vertices, const uint16_t* indices) const {
+std::shared_ptr<OccluderGroup> CacheManager::get(const MeshKey& key) const {
+    if (key.vertices == nullptr || key.indices == nullptr) return {};
     std::lock_guard<std::mutex> lock(mutex);
-    const auto* found = find(vertices, indices);
-    return found != nullptr ? *found : std::shared_ptr<OccluderGroup>();
+    const auto found = groups.find(key);
+    return found != groups.end() ? found->second : std::shared_ptr<OccluderGroup>();
 }
 
-void CacheManager::cache(const float* vertices, const uint16_t* indices, std::shared_ptr<OccluderGroup> group) {
-    std::shared_ptr<OccluderGroup> released; // freed after the lock is dropped
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        const auto* found = find(vertices, indices);
-        if (found != nullptr && *found) {
-            released = std::move(group);
-            return;
-        }
-        groups[vertices][indices] = std::move(group);
-    }
+void CacheManager::cache(const MeshKey& key, std::shared_ptr<OccluderGroup> group) {
+    std::shared_ptr<OccluderGroup> released; // a losing group is freed after the lock is dropped
+    std::lock_guard<std::mutex> lock(mutex);
+    std::shared_ptr<OccluderGroup>& slot = groups[key];
+    if (slot)
+        released = std::move(group);
+    else
+        slot = std::move(group);
 }
 
 void CacheManager::clear() {
-    std::unordered_map<const float*, InnerMap> released;
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        if (groups.empty()) return;
-        for (auto& entry : groups) released.emplace(entry.first, std::move(entry.second));
-        groups.clear(); // keeps the bucket array
-    }
+    std::unordered_map<MeshKey, std::shared_ptr<OccluderGroup>, MeshKeyHash> released; // freed unlocked
+    std::lock_guard<std::mutex> lock(mutex);
+    if (groups.empty()) return;
+    for (auto& entry : groups) released.emplace(entry.first, std::move(entry.second));
+    groups.clear(); // keeps the bucket array
 }
 
 } // namespace common

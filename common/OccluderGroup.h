@@ -13,6 +13,7 @@ namespace common {
 class OccluderGroup {
 public:
     enum OCCLUDER_LOD : int32_t { LOD0 = 0, LOD1 = 1, LOD2 = 2 };
+    static constexpr unsigned kLevelCount = LOD2 + 1;
 
     struct LODParam {
         float ratio;            // fraction of the source vertex count to keep
@@ -31,6 +32,7 @@ public:
     float4 MinBound() const { return minBound; }
     float4 MaxBound() const { return maxBound; }
 
+    // How the baker reduces each level (its only user).
     static LODParam getLODParam(unsigned lod);
 
 private:

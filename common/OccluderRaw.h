@@ -1,18 +1,13 @@
 #pragma once
 
 #include "common/Matrix4x4.h"
-
-#include <cstdint>
+#include "common/MeshRef.h"
 
 namespace common {
 
-// One submitted occluder. A plain value: it points at the host's arrays but
-// never owns them; (vertices, indices) is the mesh's identity across frames.
-struct OccluderRaw {
-    const float* vertices = nullptr; // 3 floats per vertex
-    uint32_t vertexCount = 0;
-    const uint16_t* indices = nullptr; // 3 per triangle
-    uint32_t indexCount = 0;
+// One submitted occluder: the mesh, where it stands, and whether it may be
+// baked. A plain value, copied into the frame's lists and the loader's queue.
+struct OccluderRaw : MeshRef {
     Matrix4x4 model = Matrix4x4::zero(); // all zeros when the host gave none
     bool rigid = false;
 

@@ -1,15 +1,10 @@
 #include "engine/ZELKFrameInfo.h"
 
 #include "common/Checked.h"
-#include "common/Indices.h"
 
 #include <cstring>
 
 namespace ZELK {
-
-bool indicesInRange(const uint16_t* indices, uint32_t indexCount, uint32_t vertexCount) {
-    return indexCount == 0 || common::largestIndex(indices, indexCount) < vertexCount;
-}
 
 bool ZELKFrameInfo::submitOccluder(const float* vertices, const uint16_t* indices, uint32_t vertexCount,
                                    uint32_t indexCount, bool rigid, const float* model) {
@@ -23,13 +18,13 @@ bool ZELKFrameInfo::submitOccluder(const float* vertices, const uint16_t* indice
 
     if (rigid) {
         if (const std::shared_ptr<common::CacheManager> cache = cacheManager.lock()) {
-            if (cache->get(vertices, indices)) {
+            if (cache->get(record.key())) {
                 cachedOccluders.push_back(record);
                 return true;
             }
         }
     }
-    if (!indicesInRange(indices, indexCount, vertexCount)) return false;
+    if (!record.valid()) return false;
     rawOccluders.push_back(record);
     return true;
 }

@@ -28,9 +28,9 @@ public:
     std::weak_ptr<common::CacheManager> cacheManager;
 
     // Records one occluder: cached when rigid and its group is in the cache,
-    // raw otherwise. A raw submission with an index >= vertexCount is
-    // rejected (false, nothing recorded); cached meshes were checked before
-    // they were baked. A null model gives an all-zero matrix.
+    // raw otherwise. A raw submission that breaks the mesh's index rule is
+    // rejected (false, nothing recorded); cached meshes met it before they
+    // were baked. A null model gives an all-zero matrix.
     bool submitOccluder(const float* vertices, const uint16_t* indices, uint32_t vertexCount, uint32_t indexCount,
                         bool rigid, const float* model);
 
@@ -44,8 +44,5 @@ public:
     // the raw list empties and the new camera replaces the current one.
     void startFrame(const uint8_t prefix[3], const common::Matrix4x4& newViewProjection);
 };
-
-// True when every index is below vertexCount (one 8-wide scan).
-bool indicesInRange(const uint16_t* indices, uint32_t indexCount, uint32_t vertexCount);
 
 } // namespace ZELK

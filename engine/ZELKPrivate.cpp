@@ -7,10 +7,6 @@
 namespace ZELK {
 
 namespace {
-constexpr uint32_t kMaxIndexedVertices = 65536;
-// The rasteriser counts in int: larger index arrays are drawn up to this many
-// (a whole number of triangles).
-constexpr uint32_t kMaxIndexCount = 0x7FFFFFFE;
 // Plain pointer, no lock: the exported interface is used from one thread.
 ZELKPrivate* instance = nullptr;
 } // namespace
@@ -99,12 +95,8 @@ void ZELKPrivate::renderOccluders() {
     // go to the loader, which bakes them for the cached pass.
     for (const common::OccluderRaw& record : frameInfo->rawOccluders) {
         plainRasterizer->setModelViewProjection(frameInfo->viewProjection * record.model);
-        // The rasteriser counts in int. 16-bit indices reach at most 65,536
-        // vertices, so a larger count loses nothing when capped.
-        const uint32_t usable = record.vertexCount < kMaxIndexedVertices ? record.vertexCount : kMaxIndexedVertices;
-        const uint32_t indexCount = record.indexCount < kMaxIndexCount ? record.indexCount : kMaxIndexCount;
-        plainRasterizer->render(record.vertices, record.indices, static_cast<int>(usable),
-                                static_cast<int>(indexCount));
+        plainRasterizer->render(record.vertices, record.indices, static_cast<int>(record.usableVertexCount()),
+                                static_cast<int>(record.usableIndexCount()));
         common::checkedIncrement(frameInfo->plainCount);
         if (record.rigid) asyncLoader->addOccluder(record); // ignored while already pending
     }
@@ -116,7 +108,7 @@ void ZELKPrivate::renderOccluders() {
     frameInfo->rapidCount = 0;
     const std::shared_ptr<common::CacheManager> cache = cacheManager;
     for (const common::OccluderRaw& record : frameInfo->cachedOccluders) {
-        const std::shared_ptr<common::OccluderGroup> group = cache->get(record.vertices, record.indices);
+        const std::shared_ptr<common::OccluderGroup> group = cache->get(record.key());
         if (group == nullptr) continue;
         rapidRasterizer->setModelViewProjection(frameInfo->viewProjection * record.model);
         rapidRasterizer->render(group);

@@ -22,7 +22,8 @@ public:
     static ZELKPrivate* Get();
     // Destroys the engine if there is one; always true.
     static bool release();
-    // The engine if it exists, without creating one.
+    // The engine if it exists, without creating one: for tests and the
+    // inspection functions, which must observe an engine's absence too.
     static ZELKPrivate* peek();
 
     ZELKPrivate(const ZELKPrivate&) = delete;

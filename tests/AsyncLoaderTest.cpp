@@ -1,6 +1,7 @@
 // The background loader: levels of detail, the queueing rules, the worker's
 // lifetime, what the baked levels keep of real meshes, and the engine around it.
 #include "common/AsyncLoader.h"
+#include "common/OccluderBaker.h"
 #include "engine/ZELKPrivate.h"
 #include "support/CityScene.h"
 #include "support/MeshLoader.h"
@@ -48,14 +49,19 @@ Mesh bumpyGrid(int w, int h) {
 
 OccluderRaw record(const Mesh& m, const uint16_t* indices = nullptr) {
     const auto identity = common::Matrix4x4::fromColumnMajor(kIdentity);
-    return {m.vertices.data(), m.vertexCount(), indices ? indices : m.indices.data(), m.indexCount(), identity, true};
+    OccluderRaw r;
+    static_cast<common::MeshRef&>(r) = {m.vertices.data(), m.vertexCount(), indices ? indices : m.indices.data(),
+                                        m.indexCount()};
+    r.model = identity;
+    r.rigid = true;
+    return r;
 }
 
 void submit(const Mesh& m, const float* model = kIdentity, RigidType type = ZELK_RIGID) {
     zelkSubmitOccluder(m.vertices.data(), m.indices.data(), m.vertexCount(), m.indexCount(), type, model);
 }
 
-bool cached(const CacheManager& cache, const Mesh& m) { return bool(cache.get(m.vertices.data(), m.indices.data())); }
+bool cached(const CacheManager& cache, const Mesh& m) { return bool(cache.get({m.vertices.data(), m.indices.data()})); }
 
 // Polls until the condition holds (or ten seconds pass, a hang in disguise).
 template <class Condition> bool eventually(Condition condition) {
@@ -152,7 +158,7 @@ TEST(AsyncLoader, LevelsFollowTheVertexCount) {
         auto cache = std::make_shared<CacheManager>();
         loader.setCacheMgr(cache);
         loader.load(record(m));
-        const auto group = cache->get(m.vertices.data(), m.indices.data());
+        const auto group = cache->get({m.vertices.data(), m.indices.data()});
         ASSERT_TRUE(group);
         const auto baked = levels(*group);
         ASSERT_EQ(c.targets.size(), baked.size());
@@ -161,7 +167,7 @@ TEST(AsyncLoader, LevelsFollowTheVertexCount) {
         std::vector<uint32_t> indices;
         for (unsigned lod = 0; lod < c.targets.size(); ++lod) {
             const uint32_t target = c.targets[lod];
-            EXPECT_EQ(target == 0, AsyncLoader::levelMesh(record(m), lod, vertices, indices)) << lod;
+            EXPECT_EQ(target == 0, common::OccluderBaker::levelMesh(record(m), lod, vertices, indices)) << lod;
             if (target == 0) {
                 ASSERT_EQ(m.vertexCount(), vertices.size());
                 EXPECT_EQ(std::vector<uint32_t>(m.indices.begin(), m.indices.end()), indices);
@@ -206,17 +212,19 @@ TEST(AsyncLoader, QueuesEachMeshOnceWhilePending) {
     EXPECT_EQ(1u, loader.queueSize());
     for (int i = 0; i < 2; ++i) loader.addOccluder(record(m, sameVerticesOtherIndices.data())); // another mesh
     loader.addOccluder(record(m, outOfRange.data()));
-    loader.addOccluder(OccluderRaw{nullptr, m.vertexCount(), m.indices.data(), m.indexCount()}); // no vertices
+    OccluderRaw noVertices = record(m);
+    noVertices.vertices = nullptr;
+    loader.addOccluder(noVertices);
     EXPECT_EQ(3u, loader.queueSize());
 
     ASSERT_TRUE(drain());
     EXPECT_TRUE(cached(*cache, m));
-    EXPECT_TRUE(cache->get(m.vertices.data(), sameVerticesOtherIndices.data()));
-    EXPECT_FALSE(cache->get(m.vertices.data(), outOfRange.data())); // refused by the mesh stages...
+    EXPECT_TRUE(cache->get({m.vertices.data(), sameVerticesOtherIndices.data()}));
+    EXPECT_FALSE(cache->get({m.vertices.data(), outOfRange.data()})); // refused by the mesh stages...
     loader.addOccluder(record(m, outOfRange.data()));
     EXPECT_EQ(0u, loader.queueSize());         // ...and never queued again
     loader.load(record(m, outOfRange.data())); // nor baked when handed over directly
-    EXPECT_FALSE(cache->get(m.vertices.data(), outOfRange.data()));
+    EXPECT_FALSE(cache->get({m.vertices.data(), outOfRange.data()}));
     loader.addOccluder(record(m)); // finished: no longer pending
     EXPECT_EQ(1u, loader.queueSize());
     ASSERT_TRUE(drain());
@@ -245,6 +253,10 @@ TEST(AsyncLoader, QueuesEachMeshOnceWhilePending) {
 TEST(AsyncLoader, EngineQueuesRigidRawMeshesAndThenDrawsThemCached) {
     const Mesh rigid = bumpyGrid(60, 50), deforming = bumpyGrid(20, 20);
     const float moved[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 5, 0, 0, 1};
+    // No whole triangle: baked all the same, into a group that draws nothing,
+    // rather than drawn raw for ever.
+    const uint16_t twoIndices[2] = {0, 1};
+    const common::MeshKey noTriangle{rigid.vertices.data(), twoIndices};
     ASSERT_EQ(1, zelkInit(320, 192, 0.1f));
     ZELK::ZELKPrivate* engine = ZELK::ZELKPrivate::peek();
     AsyncLoader& loader = engine->getAsyncLoader();
@@ -254,21 +266,28 @@ TEST(AsyncLoader, EngineQueuesRigidRawMeshesAndThenDrawsThemCached) {
         ASSERT_EQ(1, zelkStartNewFrame(kParams, kIdentity));
         for (const float* model : {kIdentity, moved}) submit(rigid, model); // two instances of one mesh
         submit(deforming, kIdentity, ZELK_NON_RIGID);
+        ASSERT_EQ(1,
+                  zelkSubmitOccluder(noTriangle.vertices, twoIndices, rigid.vertexCount(), 2, ZELK_RIGID, kIdentity));
         ASSERT_EQ(1, zelkRenderOccluders());
     };
     // Frames follow each other faster than the bake: however many pass
     // before the group is cached, the mesh waits in the queue once.
     loader.pauseThread();
     frame();
-    EXPECT_EQ(1u, loader.queueSize());
-    for (int i = 0; i < 2000 && !cached(cache, rigid); ++i) {
+    EXPECT_EQ(2u, loader.queueSize());
+    for (int i = 0; i < 2000 && !(cached(cache, rigid) && cache.get(noTriangle)); ++i) {
         frame();
-        EXPECT_LE(loader.queueSize(), 1u);
-        EXPECT_EQ(3u, info.rawOccluders.size() + info.cachedOccluders.size());
+        EXPECT_LE(loader.queueSize(), 2u);
+        EXPECT_EQ(4u, info.rawOccluders.size() + info.cachedOccluders.size());
     }
     ASSERT_TRUE(cached(cache, rigid));
+    const auto empty = cache.get(noTriangle);
+    ASSERT_TRUE(empty);
+    // Three levels, as for any 3,000 vertices, each reduced to nothing.
+    ASSERT_EQ(3u, levels(*empty).size());
+    for (const auto& level : levels(*empty)) EXPECT_TRUE(level->packedVertices.empty());
     frame();
-    ASSERT_EQ(2u, info.cachedOccluders.size()); // both instances, in submission order
+    ASSERT_EQ(3u, info.cachedOccluders.size()); // both instances, in submission order, then the empty one
     EXPECT_EQ(kIdentity[12], common::lane<0>(info.cachedOccluders[0].model.columns[3]));
     EXPECT_EQ(moved[12], common::lane<0>(info.cachedOccluders[1].model.columns[3]));
     ASSERT_EQ(1u, info.rawOccluders.size());
@@ -325,7 +344,7 @@ TEST(AsyncLoader, BakedLevelsStayOnTheSurfaceOfRealMeshes) {
     loader.setCacheMgr(cache);
     for (const auto& named : meshes) {
         loader.load(record(named.mesh));
-        const auto group = cache->get(named.mesh.vertices.data(), named.mesh.indices.data());
+        const auto group = cache->get({named.mesh.vertices.data(), named.mesh.indices.data()});
         ASSERT_TRUE(group) << named.name;
         int lod = 0;
         for (const auto& level : levels(*group))
@@ -434,4 +453,26 @@ TEST(AsyncLoader, CityIsDrawnFromTheCacheAndHidesOnlyWhatIsHidden) {
         EXPECT_GE(double(hidden), (ZELK_CONSERVATIVE ? 0.93 : 0.95) * double(referenceHidden));
     }
     zelkDestroy();
+}
+
+TEST(OccluderBaker, RefusesWhatTheIndexRuleRefusesAndStopsBetweenLevels) {
+    const Mesh m = bumpyGrid(60, 50); // 3,000 vertices: three reduced levels
+    common::OccluderBaker baker;
+    const auto group = baker.bake(record(m));
+    ASSERT_TRUE(group);
+    EXPECT_EQ(3u, levels(*group).size());
+    // The same baker again (its scratch reused): the same packed words.
+    const auto again = baker.bake(record(m));
+    for (unsigned lod = 0; lod < 3; ++lod)
+        EXPECT_EQ(levels(*group)[lod]->packedVertices.size(), levels(*again)[lod]->packedVertices.size());
+
+    std::vector<uint16_t> outOfRange = m.indices;
+    outOfRange.push_back(3000); // a trailing partial triangle's index counts too
+    common::MeshRef broken{m.vertices.data(), m.vertexCount(), outOfRange.data(), uint32_t(outOfRange.size())};
+    EXPECT_FALSE(baker.bake(broken));
+    broken.indexCount -= 1;
+    EXPECT_TRUE(baker.bake(broken));
+
+    const std::atomic<bool> stop{true};
+    EXPECT_FALSE(baker.bake(record(m), &stop));
 }

@@ -64,7 +64,7 @@ TEST(FrameAllocation, WarmFramesDoNotAllocate) {
     const auto bakeAll = [&](const std::vector<testing_support::Mesh>& rigid) {
         const auto allCached = [&] {
             for (size_t i = 1; i < rigid.size(); i += 2)
-                if (!engine->getCacheManager()->get(rigid[i].vertices.data(), rigid[i].indices.data())) return false;
+                if (!engine->getCacheManager()->get({rigid[i].vertices.data(), rigid[i].indices.data()})) return false;
             return true;
         };
         for (int i = 0; i < 1000 && !allCached(); ++i) {

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "common/Indices.h"
-
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -32,7 +30,7 @@ struct FrameFixture : ::testing::Test {
         return frame.submitOccluder(verts.data(), i.data(), vertexCount, uint32_t(i.size()), rigid, model);
     }
     void bake(const std::vector<uint16_t>& i) {
-        cache->cache(verts.data(), i.data(), std::make_shared<common::OccluderGroup>());
+        cache->cache({verts.data(), i.data()}, std::make_shared<common::OccluderGroup>());
     }
 };
 
@@ -116,22 +114,4 @@ TEST_F(FrameFixture, FrameStartRotatesListsAndDiffFrameComparesCameraAndCachedRe
         previous = translation(camera);
         previousCached = frame.cachedOccluders.size();
     }
-}
-
-TEST(IndexScan, FindsTheLargestIndexInEveryLaneAndTail) {
-    // Every count 0..40 at every start offset 0..7 covers the eight-wide body,
-    // the scalar tail and each lane; one large index moved through every
-    // position catches a lost lane.
-    std::vector<uint16_t> pool(48, 5);
-    EXPECT_EQ(0, common::largestIndex(pool.data(), 0));
-    EXPECT_TRUE(ZELK::indicesInRange(pool.data(), 0, 0));
-    for (size_t offset = 0; offset < 8; ++offset)
-        for (size_t n = 1; n <= 40; ++n)
-            for (size_t at = offset; at < offset + n; ++at) {
-                pool[at] = uint16_t(1000 + at);
-                const uint16_t* p = pool.data() + offset;
-                ASSERT_EQ(1000 + at, common::largestIndex(p, n)) << offset << " " << n << " " << at;
-                EXPECT_FALSE(ZELK::indicesInRange(p, uint32_t(n), uint32_t(1000 + at)));
-                pool[at] = 5;
-            }
 }

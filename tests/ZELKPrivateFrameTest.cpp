@@ -62,7 +62,7 @@ struct Submission {
 };
 
 void cacheMesh(const Mesh& mesh) {
-    ZELK::ZELKPrivate::peek()->getCacheManager()->cache(mesh.vertices.data(), mesh.indices.data(),
+    ZELK::ZELKPrivate::peek()->getCacheManager()->cache({mesh.vertices.data(), mesh.indices.data()},
                                                         bakeFullDetail(mesh));
 }
 

@@ -75,7 +75,7 @@ TEST_F(EngineFixture, PerFrameArgumentChecks) {
     const float verts[9] = {0, 0, 0, 1, 0, 0, 0, 1, 0};
     const uint16_t idx[3] = {0, 1, 2}, badIdx[3] = {0, 1, 3};
     // Cached, so that the index scan cannot stand in for the argument checks.
-    ZELKPrivate::peek()->getCacheManager()->cache(verts, idx, std::make_shared<common::OccluderGroup>());
+    ZELKPrivate::peek()->getCacheManager()->cache({verts, idx}, std::make_shared<common::OccluderGroup>());
     EXPECT_EQ(0, zelkSubmitOccluder(nullptr, idx, 3, 3, ZELK_RIGID, kIdentity));
     EXPECT_EQ(0, zelkSubmitOccluder(verts, nullptr, 3, 3, ZELK_RIGID, kIdentity));
     EXPECT_EQ(0, zelkSubmitOccluder(verts, idx, 0, 3, ZELK_RIGID, kIdentity));

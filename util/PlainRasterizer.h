@@ -1,4 +1,4 @@
-// The engine's handle on the masked rasterizer: renders raw occluder meshes
+// The engine's handle on the masked rasteriser: renders raw occluder meshes
 // and tests boxes against them.
 #pragma once
 

@@ -1,9 +1,11 @@
 // The mesh stages on arbitrary meshes: reduction with any target, threshold
 // exponent and normalisation, then quad decomposition of its output and of
-// the raw input. Checks the outputs' shape: every index in range, whole
-// triangles and quads.
+// the raw input, and every second input the whole baker as the loader runs
+// it. Checks the outputs' shape: every index in range, whole triangles and
+// quads, a group exactly for the meshes the index rule accepts.
 #include "FuzzStream.h"
 #include "common/MeshReducer.h"
+#include "common/OccluderBaker.h"
 #include "common/QuadDecomposition.h"
 
 #include <algorithm>
@@ -55,5 +57,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (uint32_t v = 0; v < vertexCount; ++v)
         vertices[v] = common::make4(mesh.vertices[3 * v], mesh.vertices[3 * v + 1], mesh.vertices[3 * v + 2], 1.0f);
     decomposeAndCheck(std::vector<uint32_t>(mesh.indices.begin(), mesh.indices.end()), vertices);
+
+    if (flags & 2) {
+        const common::MeshRef ref{mesh.vertices.empty() ? nullptr : mesh.vertices.data(), vertexCount,
+                                  mesh.indices.empty() ? nullptr : mesh.indices.data(), indexCount};
+        common::OccluderBaker baker;
+        const auto group = baker.bake(ref);
+        require((group != nullptr) == ref.valid());
+        require(group == nullptr || group->getOccluder(1.0f) != nullptr);
+    }
     return 0;
 }

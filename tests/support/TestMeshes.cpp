@@ -1,6 +1,6 @@
 #include "support/TestMeshes.h"
 
-#include "common/AsyncLoader.h"
+#include "common/OccluderBaker.h"
 
 namespace testing_support {
 
@@ -43,7 +43,7 @@ std::shared_ptr<common::OccluderGroup> bakeFullDetail(const Mesh& mesh) {
     for (size_t v = 0; v + 2 < mesh.vertices.size(); v += 3)
         vertices.push_back(common::make4(mesh.vertices[v], mesh.vertices[v + 1], mesh.vertices[v + 2], 1.0f));
     auto group = std::make_shared<common::OccluderGroup>();
-    group->addOccluder(common::AsyncLoader::bakeLevel(
+    group->addOccluder(common::OccluderBaker::bakeLevel(
                            vertices, std::vector<uint32_t>(mesh.indices.begin(), mesh.indices.end()), expanded),
                        0);
     return group;

@@ -100,7 +100,7 @@ uint32_t cachedMeshes(const demo::Scene& scene) {
     if (engine == nullptr || !engine->getCacheManager()) return 0;
     uint32_t n = 0;
     for (const demo::Mesh& m : scene.meshes)
-        if (m.rigid && engine->getCacheManager()->get(m.vertices.data(), m.indices.data())) ++n;
+        if (m.rigid && engine->getCacheManager()->get({m.vertices.data(), m.indices.data()})) ++n;
     return n;
 }
 

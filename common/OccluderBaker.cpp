@@ -1,0 +1,75 @@
+#include "common/OccluderBaker.h"
+
+#include "common/MeshReducer.h"
+#include "common/QuadDecomposition.h"
+
+#include <cmath>
+
+namespace common {
+
+namespace {
+
+// Below this many vertices a level is not worth reducing: the mesh itself is
+// baked and no coarser level follows.
+constexpr float kMinReducedVertices = 300.0f;
+// Whole batches of four quads for the packer.
+constexpr size_t kBatchIndices = 16;
+
+} // namespace
+
+std::shared_ptr<OccluderGroup> OccluderBaker::bake(const MeshRef& mesh, const std::atomic<bool>* stop) {
+    if (!mesh.valid()) return nullptr;
+    const auto group = std::make_shared<OccluderGroup>();
+    for (unsigned lod = 0; lod < OccluderGroup::kLevelCount; ++lod) {
+        if (stop != nullptr && *stop) return nullptr;
+        const bool last = levelMesh(mesh, lod, levelVertices, levelIndices);
+        group->addOccluder(bakeLevel(levelVertices, levelIndices, expanded), lod);
+        if (last) break;
+    }
+    return group;
+}
+
+bool OccluderBaker::levelMesh(const MeshRef& mesh, unsigned lod, std::vector<float4>& vertices,
+                              std::vector<uint32_t>& indices) {
+    vertices.clear();
+    indices.clear();
+    const OccluderGroup::LODParam param = OccluderGroup::getLODParam(lod);
+    const float target = param.ratio * float(mesh.vertexCount);
+    const uint32_t vertexCount = mesh.usableVertexCount();
+    if (target < kMinReducedVertices) {
+        vertices.resize(vertexCount);
+        for (uint32_t v = 0; v < vertexCount; ++v) {
+            const float* p = mesh.vertices + 3 * size_t(v);
+            vertices[v] = make4(p[0], p[1], p[2], 1.0f);
+        }
+        indices.assign(mesh.indices, mesh.indices + mesh.triangleIndexCount());
+        return true;
+    }
+    // The target counts vertices but is handed over as a triangle count,
+    // which leaves each level about half the triangles its name suggests.
+    MeshReducer::reduce(mesh.vertices, mesh.indices, vertexCount, mesh.usableIndexCount(), vertices, indices,
+                        uint32_t(target), param.reducerParameter, true);
+    return false;
+}
+
+std::shared_ptr<Occluder> OccluderBaker::bakeLevel(const std::vector<float4>& vertices,
+                                                   const std::vector<uint32_t>& indices,
+                                                   std::vector<float4>& expanded) {
+    std::vector<uint32_t> quads = QuadDecomposition::decompose(indices, vertices);
+    if (!quads.empty()) quads.resize((quads.size() + kBatchIndices - 1) / kBatchIndices * kBatchIndices, quads[0]);
+
+    float4 lo = zero4(), hi = zero4();
+    if (!vertices.empty()) {
+        lo = splat(INFINITY);
+        hi = splat(-INFINITY);
+        for (const float4& v : vertices) {
+            lo = min(lo, v);
+            hi = max(hi, v);
+        }
+    }
+    expanded.resize(quads.size());
+    for (size_t i = 0; i < quads.size(); ++i) expanded[i] = vertices[quads[i]];
+    return Occluder::bake(expanded, lo, hi);
+}
+
+} // namespace common
