@@ -19,7 +19,7 @@ constexpr size_t kBatchIndices = 16;
 
 std::shared_ptr<OccluderGroup> OccluderBaker::bake(const MeshRef& mesh, const std::atomic<bool>* stop) {
     if (!mesh.valid()) return nullptr;
-    const auto group = std::make_shared<OccluderGroup>();
+    auto group = std::make_shared<OccluderGroup>();
     for (unsigned lod = 0; lod < OccluderGroup::kLevelCount; ++lod) {
         if (stop != nullptr && *stop) return nullptr;
         const bool last = levelMesh(mesh, lod, levelVertices, levelIndices);
