@@ -5,11 +5,13 @@
 #include <algorithm>
 #include <random>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
+#include "support/MatchingCertificate.h"
+#include "support/MeshCorpus.h"
 #include "support/MeshLoader.h"
-#include "support/ReferenceMatching.h"
 
 namespace {
 
@@ -60,7 +62,32 @@ int pairCount(const Graph& g, const std::vector<int32_t>& mate) {
     return pairs;
 }
 
-std::vector<int32_t> referenceMate(const Graph& g) { return testing_support::ReferenceMatching(g).mate; }
+// The greedy start alone: each vertex in turn, if still free, takes the first
+// free vertex of its list.
+std::vector<int32_t> greedyPass(const Graph& g) {
+    std::vector<int32_t> mate(g.size(), -1);
+    for (int32_t v = 0; v < int32_t(g.size()); ++v) {
+        const auto& adj = g.adjacency[size_t(v)];
+        const auto isFree = [&](int32_t w) { return w >= 0 && size_t(w) < g.size() && mate[size_t(w)] == -1; };
+        const auto first = std::find_if(adj.begin(), adj.end(), isFree);
+        if (isFree(v) && first != adj.end())
+            std::tie(mate[size_t(v)], mate[size_t(*first)]) = std::make_pair(*first, v);
+    }
+    return mate;
+}
+
+// What every result must satisfy: a pairing along edges that keeps every vertex
+// the first pass paired (augmenting never frees one); where the first pass is
+// already maximum, no search succeeds and the result is that pass.
+testing::AssertionResult firstPassKept(const Graph& g, const std::vector<int32_t>& mate, int maximum) {
+    if (pairCount(g, mate) < 0) return testing::AssertionFailure() << "not a matching of the graph";
+    const std::vector<int32_t> greedy = greedyPass(g);
+    for (size_t v = 0; v < g.size(); ++v)
+        if (greedy[v] != -1 && mate[v] == -1) return testing::AssertionFailure() << "vertex " << v << " freed";
+    if (maximum >= 0 && pairCount(g, greedy) == maximum && mate != greedy)
+        return testing::AssertionFailure() << "a maximum first pass changed";
+    return testing::AssertionSuccess();
+}
 
 // Triangles adjacent across an undirected shared edge, in triangle order.
 Edges meshAdjacency(const std::vector<uint16_t>& idx) {
@@ -116,11 +143,18 @@ TEST(Matching, WorkedCases) {
     EXPECT_EQ(Matching(g).mate, (std::vector<int32_t>{1, 0}));
 }
 
-// Small graphs: the exact mates of the reference (tie-breaks: greedy order,
-// candidate order, first-in first-out expansion) and the size found by brute
-// force (maximality, independent of both).
-TEST(Matching, SmallGraphsMatchReferenceAndBruteForce) {
+// Small graphs: the size found by brute force, the Tutte-Berge bound tight
+// (checked against brute force here before the large graphs rely on it) and
+// the first pass kept.
+TEST(Matching, SmallGraphsAreMaximum) {
     std::mt19937 rng(12345);
+    const auto check = [](const Graph& g, int n, const Edges& edges, const std::string& what) {
+        const std::vector<int32_t> mate = Matching(g).mate;
+        const int maximum = bruteForceMaximum(n, edges);
+        ASSERT_TRUE(firstPassKept(g, mate, maximum)) << what;
+        ASSERT_EQ(pairCount(g, mate), maximum) << what;
+        ASSERT_EQ(testing_support::tutteBergeBound(g, mate), size_t(maximum)) << what;
+    };
     // Every graph on up to 6 vertices, adjacency lists shuffled.
     for (int n = 1; n <= 6; ++n) {
         Edges all;
@@ -130,23 +164,22 @@ TEST(Matching, SmallGraphsMatchReferenceAndBruteForce) {
             Edges edges;
             for (size_t e = 0; e < all.size(); ++e)
                 if (subset >> e & 1) edges.push_back(all[e]);
-            const Graph g = makeGraph(n, edges, &rng);
-            const std::vector<int32_t> mate = Matching(g).mate;
-            ASSERT_EQ(mate, referenceMate(g)) << n << " " << subset;
-            ASSERT_EQ(pairCount(g, mate), bruteForceMaximum(n, edges)) << n << " " << subset;
+            check(makeGraph(n, edges, &rng), n, edges, std::to_string(n) + " " + std::to_string(subset));
         }
     }
-    // Random graphs of 7 to 14 vertices, sparse to dense, self-loops included.
-    for (int round = 0; round < kRounds; ++round) {
-        const int n = 7 + round % 8;
+    // Random graphs of 7 to 20 vertices, sparse to dense. A self-loop may pair
+    // its vertex with itself at a pair's cost: those graphs are checked for
+    // validity only.
+    for (int round = 0; round < kRounds + kRounds / 50; ++round) {
+        const int n = round < kRounds ? 7 + round % 8 : 15 + round % 6;
         Edges edges = randomEdges(rng, n, 1 + int(rng() % uint32_t(2 * n)));
-        if (round % 7 == 0) edges.emplace_back(round % n, round % n);
-        const Graph g = makeGraph(n, edges, &rng);
-        const std::vector<int32_t> mate = Matching(g).mate;
-        ASSERT_EQ(mate, referenceMate(g)) << round;
-        if (round % 7 != 0) {
-            ASSERT_EQ(pairCount(g, mate), bruteForceMaximum(n, edges)) << round;
+        if (round % 7 == 0) {
+            edges.emplace_back(round % n, round % n);
+            const Graph g = makeGraph(n, edges, &rng);
+            ASSERT_TRUE(firstPassKept(g, Matching(g).mate, -1)) << round;
+            continue;
         }
+        check(makeGraph(n, edges, &rng), n, edges, "round " + std::to_string(round));
     }
     // One-sided, self and out-of-range entries: still a symmetric pairing.
     for (int round = 0; round < kRounds / 10; ++round) {
@@ -163,21 +196,32 @@ TEST(Matching, SmallGraphsMatchReferenceAndBruteForce) {
 }
 
 // Large graphs: random ones from very sparse (mostly isolated vertices) to
-// dense, and the triangle adjacency of real meshes; exact mates against the
-// reference (the benchmark also checks the size against Boost's Edmonds
-// matching on its graphs).
-TEST(Matching, LargeGraphsMatchReference) {
+// dense, and the triangle adjacency of meshes; each result is proved maximum
+// by its Tutte-Berge bound.
+TEST(Matching, LargeGraphsAreMaximum) {
     std::vector<Graph> graphs;
     std::mt19937 rng(99);
-    for (int round = 0; round < kRounds / 400; ++round) {
+    for (int round = 0; round < std::max(5, kRounds / 400); ++round) {
         const int n = 50 + int(rng() % 5000);
         graphs.push_back(makeGraph(n, randomEdges(rng, n, int(n * (0.1 + (rng() % 100) / 40.0)))));
     }
-    for (const auto& named : testing_support::loadRealMeshes()) {
+    for (const auto& named : testing_support::comparisonMeshes()) {
         const auto& idx = named.mesh.indices;
         graphs.push_back(makeGraph(int(idx.size() / 3), meshAdjacency(idx)));
     }
-    for (size_t i = 0; i < graphs.size(); ++i) ASSERT_EQ(Matching(graphs[i]).mate, referenceMate(graphs[i])) << i;
+    uint64_t hash = 14695981039346656037ull;
+    for (size_t i = 0; i < graphs.size(); ++i) {
+        const std::vector<int32_t> mate = Matching(graphs[i]).mate;
+        const size_t bound = testing_support::tutteBergeBound(graphs[i], mate);
+        ASSERT_TRUE(firstPassKept(graphs[i], mate, int(bound))) << i;
+        ASSERT_EQ(size_t(pairCount(graphs[i], mate)), bound) << i;
+        if (i < 5)
+            for (const int32_t m : mate) hash = (hash ^ uint32_t(m)) * 1099511628211ull;
+    }
+    // Which maximum matching comes out follows from the tie-breaks, and the
+    // quads from that. A golden value recorded from this code: it locks the
+    // choice on the first five random graphs, it does not prove it right.
+    EXPECT_EQ(hash, 5165913070154405731u);
 }
 
 // The comparisons over real meshes (here, and for the reducer and the quad

@@ -6,7 +6,9 @@
 #include <string>
 #include <vector>
 
+#include "common/Matching.h"
 #include "common/MeshReducer.h"
+#include "support/MatchingCertificate.h"
 #include "support/MeshCorpus.h"
 #include "support/ReferenceQuadDecomposition.h"
 
@@ -90,10 +92,10 @@ TEST(QuadDecomposition, SmallCases) {
     EXPECT_EQ(quads, Indices(4 * 21845, 0));
 }
 
-// Exact quads against the reference: grids and a box (whose perfect pairings
-// are also counted by hand), the synthetic and real meshes as they come and
-// reduced as the loader does and at other settings, and random soups with
-// non-finite coordinates.
+// Exact quads against the reference, and pairings proved maximum: grids and a
+// box (whose perfect pairings are also counted by hand), the synthetic and
+// real meshes as they come and reduced as the loader does and at other
+// settings, and random soups with non-finite coordinates.
 TEST(QuadDecomposition, MatchesReference) {
     // Odd grids need the augmenting search to pair every triangle.
     for (const int n : {5, 16}) {
@@ -107,10 +109,19 @@ TEST(QuadDecomposition, MatchesReference) {
         QuadDecomposition::decompose(Indices(box.indices.begin(), box.indices.end()), toVectors(box.vertices)).size(),
         24u);
 
+    // The quads, and the pairs behind them as many as the pairing rules allow
+    // (a triangle that is its own neighbour may take itself instead).
     const auto expectSame = [](const Indices& indices, const std::vector<float4>& vertices, const std::string& what) {
         ASSERT_EQ(QuadDecomposition::decompose(indices, vertices),
                   testing_support::referenceDecompose(indices, vertices))
             << what;
+        const Graph graph = testing_support::referencePairingGraph(indices, vertices);
+        const std::vector<int32_t> mate = Matching(graph).mate;
+        size_t pairs = 0, selfPaired = 0;
+        for (size_t t = 0; t < mate.size(); ++t) pairs += mate[t] > int32_t(t), selfPaired += mate[t] == int32_t(t);
+        if (selfPaired == 0) {
+            EXPECT_EQ(pairs, testing_support::tutteBergeBound(graph, mate)) << what;
+        }
     };
     for (const auto& named : testing_support::comparisonMeshes()) {
         const testing_support::Mesh& m = named.mesh;

@@ -116,20 +116,20 @@ public:
         return false;
     }
 
+    // The flagged triangles around v vanish; the others now meet at i0 and
+    // are listed again at the end of refs.
     void updateTriangles(uint32_t i0, const Vertex& v, const std::vector<bool>& flags, uint32_t& deletedTriangles) {
-        for (uint32_t k = 0; k < v.refCount; ++k) {
-            const Ref r = refs[v.firstRef + k];
-            Triangle& t = triangles[r.triangle];
+        const std::vector<Ref> around(refs.begin() + long(v.firstRef), refs.begin() + long(v.firstRef + v.refCount));
+        for (size_t k = 0; k < around.size(); ++k) {
+            Triangle& t = triangles[around[k].triangle];
             if (t.deleted) continue;
-            if (flags[k]) {
-                t.deleted = true;
-                ++deletedTriangles;
-                continue;
-            }
-            t.v[r.corner] = i0;
+            t.deleted = flags[k];
+            deletedTriangles += flags[k] ? 1 : 0;
+            if (t.deleted) continue;
+            t.v[around[k].corner] = i0;
             t.dirty = true;
             computeErrors(t);
-            refs.push_back(r);
+            refs.push_back(around[k]);
         }
     }
 
