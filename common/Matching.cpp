@@ -127,6 +127,10 @@ void Matching::shrinkPath(int base, int v, int w) {
     while (x != base) {
         const int m = mate[size_t(x)];
         if (m < 0) return; // walked past the root: cannot happen for a symmetric graph
+        // Merges the sets of x and of its mate into the blossom: each write
+        // links the current root of base's set onward, and each find() sees
+        // the links made before it, so the chain is right whichever of the
+        // three sets already coincide. The last two writes make base the root.
         nodes[size_t(find(base))].base = find(x);
         nodes[size_t(find(base))].base = find(m);
         nodes[size_t(find(base))].base = base;
