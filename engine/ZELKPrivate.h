@@ -46,12 +46,14 @@ public:
     float getNearPlane() const { return nearPlane; }
     const ZELKFrameInfo& getFrameInfo() const { return *frameInfo; }
     const std::shared_ptr<common::CacheManager>& getCacheManager() const { return cacheManager; }
-    // For tools and tests that look at the depth buffers; not exported.
+    // For tests that look at the depth buffers; tools and benchmarks use ZELKInspector.
     const util::PlainRasterizer& getPlainRasterizer() const { return *plainRasterizer; }
     const util::RapidRasterizer& getRapidRasterizer() const { return *rapidRasterizer; }
     common::AsyncLoader& getAsyncLoader() { return *asyncLoader; }
 
 private:
+    friend class ZELKInspector; // read-only views for tools and benchmarks
+
     ZELKPrivate();
     ~ZELKPrivate();
 

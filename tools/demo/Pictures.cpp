@@ -1,10 +1,6 @@
 #include "Pictures.h"
 
-#include "engine/ZELKPrivate.h"
-#include "util/MaskedOcclusionCulling.h"
-#include "util/PlainRasterizer.h"
-#include "util/RapidRasterizer.h"
-#include "util/Rasterizer.h"
+#include "engine/ZELKInspector.h"
 
 #include <png.h>
 
@@ -83,39 +79,11 @@ Image greyDepth(int width, int height, const std::vector<float>& invW) {
     return image;
 }
 
-// The masked buffer per pixel: the working layer where its coverage bit is
-// set (it is the nearer one), the reference layer elsewhere.
-std::vector<float> maskedDepth(int width, int height) {
-    std::vector<float> out(size_t(width) * size_t(height), 0.0f);
-    const ZELK::ZELKPrivate* engine = ZELK::ZELKPrivate::peek();
-    if (engine == nullptr || engine->getPlainRasterizer().masked() == nullptr) return out;
-    const util::MaskedOcclusionCulling& masked = *engine->getPlainRasterizer().masked();
-    util::MaskedOcclusionCulling::TileData tile;
-    for (int y = 0; y < height; ++y)
-        for (int x = 0; x < width; ++x) {
-            if (!masked.ReadTile(x / 32, y / 4, tile)) continue;
-            const int lane = (x % 32) / 8, bit = 8 * (y % 4) + x % 8;
-            const bool covered = (tile.coverageMask[lane] >> bit) & 1u;
-            out[size_t(y) * size_t(width) + size_t(x)] =
-                covered ? std::max(tile.workingDepth[lane], tile.referenceDepth[lane]) : tile.referenceDepth[lane];
-        }
-    return out;
-}
-
-// The rapid buffer per pixel as 1/w-like values (1 at the near plane, 0 at the far one).
-std::vector<float> rapidDepth(int width, int height) {
-    std::vector<float> out(size_t(width) * size_t(height), 0.0f);
-    const ZELK::ZELKPrivate* engine = ZELK::ZELKPrivate::peek();
-    if (engine == nullptr) return out;
-    const util::Rasterizer* r = engine->getRapidRasterizer().rasterizer();
-    if (r == nullptr) return out;
-    const int w = std::min(width, int(r->getWidth())), h = std::min(height, int(r->getHeight()));
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-            const uint16_t code = r->pixelDepth(unsigned(x), unsigned(y));
-            // The rapid buffer's row 0 is the bottom of the screen; pictures start at the top.
-            if (code != 0) out[size_t(h - 1 - y) * size_t(width) + size_t(x)] = util::Rasterizer::decompressFloat(code);
-        }
+// A depth image of the library's, or zeros when its size is not the picture's.
+std::vector<float> libraryDepth(int width, int height, void (*read)(std::vector<float>&)) {
+    std::vector<float> out;
+    read(out);
+    if (out.size() != size_t(width) * size_t(height)) out.assign(size_t(width) * size_t(height), 0.0f);
     return out;
 }
 
@@ -187,8 +155,12 @@ bool writePictures(const std::string& dir, const Scene& scene, const CameraPose&
                    const std::vector<BoxCoverage>& truth, std::string& error) {
     ::mkdir(dir.c_str(), 0755);
     const int width = reference.width(), height = reference.height();
-    if (!writePng(dir + "/depth-masked.png", greyDepth(width, height, maskedDepth(width, height)), error)) return false;
-    if (!writePng(dir + "/depth-rapid.png", greyDepth(width, height, rapidDepth(width, height)), error)) return false;
+    if (!writePng(dir + "/depth-masked.png",
+                  greyDepth(width, height, libraryDepth(width, height, ZELK::ZELKInspector::maskedDepth)), error))
+        return false;
+    if (!writePng(dir + "/depth-rapid.png",
+                  greyDepth(width, height, libraryDepth(width, height, ZELK::ZELKInspector::rapidDepth)), error))
+        return false;
     if (!writePng(dir + "/depth-reference.png", greyDepth(width, height, reference.depth()), error)) return false;
 
     // From the camera: the exact depth in grey, every box on screen outlined

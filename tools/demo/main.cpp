@@ -6,8 +6,7 @@
 #include "ReferenceDepth.h"
 #include "zelk.h"
 
-#include "engine/ZELKPrivate.h"
-#include "util/Rasterizer.h"
+#include "engine/ZELKInspector.h"
 
 #include <CLI/CLI.hpp>
 
@@ -55,14 +54,15 @@ double percentile(std::vector<double> v, double p) {
 
 double msSince(Clock::time_point t) { return std::chrono::duration<double, std::milli>(Clock::now() - t).count(); }
 
-// Whether the rapid buffer's own codes show the box once its block test
-// looks at the box's own pixel columns. The library's test (as designed)
-// selects the columns mirrored about each block's centre, xe exclusive; a box
-// hidden by that rule but shown here is explained by it, not by a fault.
-// The rectangle and depth follow the library's box test in double precision.
-bool visibleInTrueColumns(const util::Rasterizer& rapid, const float* box, const Mat4& m) {
-    const unsigned width = rapid.getWidth(), height = rapid.getHeight();
-    if (width == 0 || height == 0) return true;
+// Whether the rapid buffer's own codes (width x height, row 0 at the top)
+// show the box once its block test looks at the box's own pixel columns. The
+// library's test (as designed) selects the columns mirrored about each
+// block's centre, xe exclusive; a box hidden by that rule but shown here is
+// explained by it, not by a fault. The rectangle and depth follow the
+// library's box test in double precision.
+bool visibleInTrueColumns(const std::vector<uint16_t>& codes, unsigned width, unsigned height, const float* box,
+                          const Mat4& m) {
+    if (width == 0 || height == 0 || codes.size() != size_t(width) * height) return true;
     const float scale = [] {
         const uint32_t bits = 0x0F7FF000;
         float f;
@@ -90,17 +90,15 @@ bool visibleInTrueColumns(const util::Rasterizer& rapid, const float* box, const
     const uint16_t q = uint16_t(std::min<uint32_t>(uint32_t(bits >> 12), 65535u));
     for (unsigned y = y0; y <= y1; ++y)
         for (unsigned x = x0; x <= x1; ++x)
-            if (rapid.pixelDepth(x, y) < q) return true;
+            if (codes[size_t(height - 1 - y) * width + x] < q) return true; // y counts up from the bottom
     return false;
 }
 
 // Meshes the library has baked so far, out of the rigid ones the scene submits.
 uint32_t cachedMeshes(const demo::Scene& scene) {
-    const ZELK::ZELKPrivate* engine = ZELK::ZELKPrivate::peek();
-    if (engine == nullptr || !engine->getCacheManager()) return 0;
     uint32_t n = 0;
     for (const demo::Mesh& m : scene.meshes)
-        if (m.rigid && engine->getCacheManager()->get({m.vertices.data(), m.indices.data()})) ++n;
+        if (m.rigid && ZELK::ZELKInspector::isCached(m.vertices.data(), m.indices.data())) ++n;
     return n;
 }
 
@@ -161,6 +159,7 @@ int main(int argc, char** argv) {
     const uint32_t boxCount = scene.boxCount();
     std::vector<uint8_t> results(boxCount); // bool-sized flags, one per box
     std::vector<demo::BoxCoverage> truth(boxCount);
+    std::vector<uint16_t> rapidCodes; // read in frames with a false occlusion the rapid buffer decides
     uint64_t triangles = 0;
     uint32_t rigidMeshes = 0;
     for (const demo::Instance& in : scene.instances) triangles += scene.meshes[in.mesh].indices.size() / 3;
@@ -199,9 +198,9 @@ int main(int argc, char** argv) {
         zelkBatchQuery(scene.boxes.data(), boxCount, reinterpret_cast<bool*>(results.data()));
         s.ms[kQuery] = msSince(t);
         s.ms[kLibrary] = msSince(frameStart);
-        const ZELK::ZELKFrameInfo& info = ZELK::ZELKPrivate::peek()->getFrameInfo();
-        s.raw = uint32_t(info.rawOccluders.size());
-        s.cached = uint32_t(info.cachedOccluders.size());
+        const ZELK::ZELKInspector::FrameStats stats = ZELK::ZELKInspector::frameStats();
+        s.raw = stats.rawOccluders;
+        s.cached = stats.cachedOccluders;
 
         if (!noReference) {
             t = Clock::now();
@@ -210,7 +209,7 @@ int main(int argc, char** argv) {
                 reference.drawMesh(scene.meshes[in.mesh], demo::multiply(viewProjection, in.model));
             for (uint32_t b = 0; b < boxCount; ++b) truth[b] = reference.testBox(&scene.boxes[6 * b], viewProjection);
             s.ms[kReference] = msSince(t);
-            bool snappedDrawn = false;
+            bool snappedDrawn = false, codesRead = false;
             for (uint32_t b = 0; b < boxCount; ++b) {
                 const demo::BoxCoverage& c = truth[b];
                 const bool reportedVisible = results[b] != 0;
@@ -226,12 +225,14 @@ int main(int argc, char** argv) {
                         }
                         const bool bySnapping =
                             snappedReference.testBox(&scene.boxes[6 * b], viewProjection).visible == 0;
-                        const ZELK::ZELKPrivate* engine = ZELK::ZELKPrivate::peek();
-                        const util::Rasterizer* rapid = engine->getRapidRasterizer().rasterizer();
-                        const bool byColumns =
-                            !bySnapping && engine->getFrameInfo().rapidCount > 0 &&
-                            !engine->getRapidRasterizer().query(&scene.boxes[6 * b], &scene.boxes[6 * b + 3]) &&
-                            visibleInTrueColumns(*rapid, &scene.boxes[6 * b], viewProjection);
+                        const bool rapidHides =
+                            !bySnapping && ZELK::ZELKInspector::rapidBufferHides(&scene.boxes[6 * b]);
+                        if (rapidHides && !codesRead) {
+                            ZELK::ZELKInspector::rapidDepthCodes(rapidCodes);
+                            codesRead = true;
+                        }
+                        const bool byColumns = rapidHides && visibleInTrueColumns(rapidCodes, width, height,
+                                                                                  &scene.boxes[6 * b], viewProjection);
                         // Seen only within 2^-10 of the occluders' depth: two steps of the
                         // rapid buffer's 11-bit codes, where a face lying on a wall ties with it.
                         const bool byTie =
