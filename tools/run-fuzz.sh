@@ -26,7 +26,7 @@ echo "build fuzz: $((SECONDS - t0)) s"
 bin=build/fuzz/tests/fuzz
 targets=("$@")
 if [ ${#targets[@]} -eq 0 ]; then
-  read -r -a targets <<<"$(sed -n 's/^set(ZELK_FUZZ_TARGETS \(.*\))$/\1/p' tests/fuzz/CMakeLists.txt)"
+  mapfile -t targets <"$bin/targets.txt"
 fi
 seeds=build/fuzz/seeds
 rm -rf "$seeds"

@@ -3,8 +3,8 @@
 # check under valgrind, the installed-package check and one short run of every
 # benchmark), the scalar vector layer, address and undefined-behaviour
 # sanitizers, thread sanitizer, AArch64 NEON under qemu, the conservative
-# build on the three vector backends (on scalar and AArch64 only the rasteriser
-# and engine suites, which it changes), and each fuzz target for
+# build on the three vector backends (on scalar and AArch64 only the tests
+# labelled rasteriser and engine, which it changes), and each fuzz target for
 # ZELK_FUZZ_SECONDS (default 60). Pass names to run a subset, e.g.
 # tools/run-tests.sh release fuzz.
 set -euo pipefail
@@ -13,18 +13,42 @@ tools/install-deps.sh
 start=$SECONDS
 
 # Formatting is part of the tests: a diff against .clang-format fails the run.
-# The version is pinned: clang-format's output differs between releases.
-git ls-files '*.h' '*.cpp' '*.c' | xargs clang-format-14 --dry-run -Werror
+tools/format.sh --check
 
-# Static analysis of the library with the checks in .clang-tidy.
+# Static analysis of the library with the checks in .clang-tidy. Its findings
+# and errors are printed, each file's apart so that parallel runs do not
+# interleave, without the "N warnings generated." that every file prints
+# (warnings from headers outside the library, which it does not show).
 tidy() {
-  local t0=$SECONDS
-  if ! git ls-files 'api/*.cpp' 'engine/*.cpp' 'common/*.cpp' 'util/*.cpp' |
-    xargs -P"$jobs" -n4 clang-tidy-14 -p build/release --quiet 2>/dev/null; then
+  local t0=$SECONDS out=build/release/clang-tidy status=0
+  rm -rf "$out" && mkdir -p "$out"
+  git ls-files 'api/*.cpp' 'engine/*.cpp' 'common/*.cpp' 'util/*.cpp' |
+    xargs -P"$jobs" -I{} sh -c 'clang-tidy-14 -p build/release --quiet "$1" >"$2/$(echo "$1" | tr / _).log" 2>&1' \
+      tidy {} "$out" || status=$?
+  cat "$out"/*.log | grep -Ev '^[0-9]+ warnings? generated\.$' || true
+  if [ "$status" -ne 0 ]; then
     echo "clang-tidy: findings above"
     return 1
   fi
   echo "clang-tidy: clean ($((SECONDS - t0)) s)"
+}
+
+# Configures, builds and tests a preset in one go (its workflow preset); shows
+# the build and test steps with the time each took, not the configure's
+# progress.
+workflow() {
+  local preset=$1 step=configure t0=$SECONDS line
+  while IFS= read -r line; do
+    case $line in
+      "Executing workflow step "*" build preset "*) step=build t0=$SECONDS && continue ;;
+      "Executing workflow step "*" test preset "*)
+        echo "build $preset: $((SECONDS - t0)) s"
+        step=test t0=$SECONDS && continue ;;
+    esac
+    [ "$step" = configure ] || printf '%s\n' "$line"
+  done < <(cmake --workflow --preset "$preset")
+  wait $! || return 1
+  echo "tests $preset: $((SECONDS - t0)) s"
 }
 
 # Every benchmark once for a few iterations: a benchmark whose built-in
@@ -55,19 +79,14 @@ report_skips() {
 presets=("$@")
 [ ${#presets[@]} -eq 0 ] && presets=(release scalar asan tsan aarch64 conservative conservative-scalar conservative-aarch64 fuzz)
 jobs=$(nproc)
+export CMAKE_BUILD_PARALLEL_LEVEL=$jobs CTEST_PARALLEL_LEVEL=$jobs
 for preset in "${presets[@]}"; do
   echo "=== $preset ==="
   if [ "$preset" = fuzz ]; then
     tools/run-fuzz.sh "${ZELK_FUZZ_SECONDS:-60}"
     continue
   fi
-  t0=$SECONDS
-  cmake --preset "$preset" >/dev/null
-  cmake --build --preset "$preset" -j"$jobs"
-  echo "build $preset: $((SECONDS - t0)) s"
-  t0=$SECONDS
-  ctest --preset "$preset" -j"$jobs"
-  echo "tests $preset: $((SECONDS - t0)) s"
+  workflow "$preset"
   report_skips "$preset"
   if [ "$preset" = release ]; then
     tidy

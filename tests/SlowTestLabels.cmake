@@ -1,0 +1,31 @@
+# Read by ctest after the test programs have listed their cases: adds the slow
+# label to the cases in ZELK_SLOW_CASES, next to their program's area label
+# (ZELK_GTEST_AREAS: program, label, program, label, ...). A name that no
+# listed program has any more is reported, so that the list does not rot.
+# (No IN_LIST: ctest reads this file without the project's policies.)
+set(zelkAllListed ON)
+foreach(zelkItem IN LISTS ZELK_GTEST_AREAS)
+  if(NOT DEFINED zelkProgram)
+    set(zelkProgram ${zelkItem})
+    continue()
+  endif()
+  if(NOT DEFINED ${zelkProgram}_TESTS)
+    set(zelkAllListed OFF)  # not built yet
+  endif()
+  foreach(zelkCase IN LISTS ZELK_SLOW_CASES)
+    list(FIND ${zelkProgram}_TESTS ${zelkCase} zelkAt)
+    if(NOT zelkAt EQUAL -1)
+      set_tests_properties(${zelkCase} PROPERTIES LABELS "${zelkItem};slow")
+      list(APPEND zelkFound ${zelkCase})
+    endif()
+  endforeach()
+  unset(zelkProgram)
+endforeach()
+if(zelkAllListed)
+  foreach(zelkCase IN LISTS ZELK_SLOW_CASES)
+    list(FIND zelkFound ${zelkCase} zelkAt)
+    if(zelkAt EQUAL -1)
+      message(WARNING "no test ${zelkCase}: remove it from ZELK_SLOW_TESTS in tests/CMakeLists.txt")
+    endif()
+  endforeach()
+endif()
