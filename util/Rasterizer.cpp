@@ -87,14 +87,20 @@ struct Rasterizer::QuadSetup {
 // of (1, epsilon) enters, which is one side for every pair of quads sharing
 // the edge, so the centre is covered exactly once.
 struct Rasterizer::ExactQuad {
-    int64_t start[6];                // E at the centre of pixel (0, 0)
-    int64_t blockX[6], blockY[6];    // its change per block
-    int64_t low[6], high[6];         // least and greatest change from a block's first pixel to the others
-    int4 columnsLo[6], columnsHi[6]; // change to columns 0-3 and 4-7 of a row
-    int4 rowStep[6];
-    int polygon[2][4]; // the edges of each convex part: the quad, or its two triangles
-    int polygonEdges[2];
-    int polygons;
+    struct Edge {
+        int64_t start;             // E at the centre of pixel (0, 0)
+        int64_t blockX, blockY;    // its change per block
+        int64_t low, high;         // least and greatest change from a block's first pixel to the others
+        int4 columnsLo, columnsHi; // change to columns 0-3 and 4-7 of a row
+        int4 rowStep;
+    };
+    Edge edges[2][4]; // per convex part: the quad, or its two triangles
+    int edgeCount[2];
+    int parts;
+    // The same per part in float, one lane per edge (a missing fourth edge
+    // excludes nothing), with a margin that covers their rounding: most blocks
+    // are settled without the exact values.
+    float4 startF[2], blockXF[2], blockYF[2], lowF[2], highF[2], margin[2];
     float depthOrigin, depthDx, depthDy, depthMax;
     uint16_t code;
     int bx0, bx1, by0, by1;
@@ -140,8 +146,8 @@ struct DepthPlane {
     float4 slack;
 };
 
-DepthPlane setupDepthPlane(const float4* x, const float4* y, const float4* d, float4 area012, float4 area023,
-                           unsigned width, unsigned height) {
+ZELK_INLINE DepthPlane setupDepthPlane(const float4* x, const float4* y, const float4* d, float4 area012,
+                                       float4 area023, unsigned width, unsigned height) {
     // Depth plane through the larger of the two triangles (c0 c1 c2) and
     // (c0 c2 c3), lowered until the remaining corner is not nearer than it,
     // so that the plane never lies in front of either triangle.
@@ -665,20 +671,22 @@ void Rasterizer::drawBatchExact(const ScreenBatch& q) {
         const int64_t r1 = std::min<int64_t>((maxY - half) >> kSubpixelShift, int64_t(height) - 1);
         if (c0 > c1 || r0 > r1) continue;
 
-        ExactQuad s = {};
-        const auto edge = [&](int e, int from, int to) {
+        ExactQuad s;
+        s.parts = 0;
+        const auto edge = [&](int from, int to) {
+            ExactQuad::Edge& e = s.edges[s.parts][s.edgeCount[s.parts]++];
             const int64_t a = Y[to] - Y[from], b = X[from] - X[to];
             const int64_t tie = a > 0 || (a == 0 && b > 0) ? 1 : 0;
-            s.start[e] = a * (half - X[from]) + b * (half - Y[from]) + tie;
+            e.start = a * (half - X[from]) + b * (half - Y[from]) + tie;
             const int64_t stepX = a * kSubpixel, stepY = b * kSubpixel; // per pixel
-            s.blockX[e] = 8 * stepX;
-            s.blockY[e] = 8 * stepY;
-            s.low[e] = std::min<int64_t>(0, 7 * stepX) + std::min<int64_t>(0, 7 * stepY);
-            s.high[e] = std::max<int64_t>(0, 7 * stepX) + std::max<int64_t>(0, 7 * stepY);
+            e.blockX = 8 * stepX;
+            e.blockY = 8 * stepY;
+            e.low = std::min<int64_t>(0, 7 * stepX) + std::min<int64_t>(0, 7 * stepY);
+            e.high = std::max<int64_t>(0, 7 * stepX) + std::max<int64_t>(0, 7 * stepY);
             const int32_t step = int32_t(stepX);
-            s.columnsLo[e] = makeInt4(0, step, 2 * step, 3 * step);
-            s.columnsHi[e] = makeInt4(4 * step, 5 * step, 6 * step, 7 * step);
-            s.rowStep[e] = splatInt(int32_t(stepY));
+            e.columnsLo = makeInt4(0, step, 2 * step, 3 * step);
+            e.columnsHi = makeInt4(4 * step, 5 * step, 6 * step, 7 * step);
+            e.rowStep = splatInt(int32_t(stepY));
         };
         // A quad whose corners all turn clockwise is convex and front-facing:
         // its four edges bound it. Any other is the union of its triangles
@@ -689,43 +697,57 @@ void Rasterizer::drawBatchExact(const ScreenBatch& q) {
             const int kp = (k + 3) & 3, kn = (k + 1) & 3;
             convex = convex && (Y[k] - Y[kp]) * (X[kn] - X[k]) - (X[k] - X[kp]) * (Y[kn] - Y[k]) > 0;
         }
+        s.edgeCount[0] = s.edgeCount[1] = 0;
         if (convex) {
-            for (int k = 0; k < 4; ++k) {
-                edge(k, k, (k + 1) & 3);
-                s.polygon[0][k] = k;
-            }
-            s.polygonEdges[0] = 4;
-            s.polygons = 1;
+            for (int k = 0; k < 4; ++k) edge(k, (k + 1) & 3);
+            s.parts = 1;
         } else {
             const int64_t first = (X[1] - X[0]) * (Y[2] - Y[0]) - (Y[1] - Y[0]) * (X[2] - X[0]);
             const int64_t second = (X[2] - X[0]) * (Y[3] - Y[0]) - (Y[2] - Y[0]) * (X[3] - X[0]);
             if (first < 0) {
-                edge(0, 0, 1);
-                edge(1, 1, 2);
-                edge(4, 2, 0);
-                const int part[3] = {0, 1, 4};
-                std::memcpy(s.polygon[s.polygons], part, sizeof(part));
-                s.polygonEdges[s.polygons++] = 3;
+                edge(0, 1);
+                edge(1, 2);
+                edge(2, 0);
+                ++s.parts;
             }
             if (second < 0) {
-                edge(2, 2, 3);
-                edge(3, 3, 0);
-                edge(5, 0, 2);
-                const int part[3] = {2, 3, 5};
-                std::memcpy(s.polygon[s.polygons], part, sizeof(part));
-                s.polygonEdges[s.polygons++] = 3;
+                edge(2, 3);
+                edge(3, 0);
+                edge(0, 2);
+                ++s.parts;
             }
-            if (s.polygons == 0) continue; // facing away, or no area
+            if (s.parts == 0) continue; // facing away, or no area
+        }
+        s.bx0 = int(c0 >> 3);
+        s.bx1 = int(c1 >> 3);
+        s.by0 = int(r0 >> 3);
+        s.by1 = int(r1 >> 3);
+        for (int p = 0; p < s.parts; ++p) {
+            alignas(16) float start[4] = {1e30f, 1e30f, 1e30f, 1e30f}, blockX[4] = {}, blockY[4] = {};
+            alignas(16) float low[4] = {}, high[4] = {}, margin[4] = {};
+            for (int k = 0; k < s.edgeCount[p]; ++k) {
+                const ExactQuad::Edge& e = s.edges[p][k];
+                start[k] = float(e.start);
+                blockX[k] = float(e.blockX);
+                blockY[k] = float(e.blockY);
+                low[k] = float(e.low);
+                high[k] = float(e.high);
+                const double size = std::fabs(double(e.start)) + std::fabs(double(e.blockX)) * double(s.bx1 + 1) +
+                                    std::fabs(double(e.blockY)) * double(s.by1 + 1) + double(e.high - e.low);
+                margin[k] = float(size * (1.0 / 1048576.0));
+            }
+            s.startF[p] = load4(start);
+            s.blockXF[p] = load4(blockX);
+            s.blockYF[p] = load4(blockY);
+            s.lowF[p] = load4(low);
+            s.highF[p] = load4(high);
+            s.margin[p] = load4(margin);
         }
         s.depthOrigin = lane(plane.origin, j);
         s.depthDx = lane(plane.dx, j);
         s.depthDy = lane(plane.dy, j);
         s.depthMax = lane(plane.nearest, j);
         s.code = codes[j];
-        s.bx0 = int(c0 >> 3);
-        s.bx1 = int(c1 >> 3);
-        s.by0 = int(r0 >> 3);
-        s.by1 = int(r1 >> 3);
         drawQuadExact(s);
     }
 }
@@ -736,9 +758,12 @@ void Rasterizer::drawQuadExact(const ExactQuad& s) {
     const float4 laneHi = make4(4.5f, 5.5f, 6.5f, 7.5f) * splat(s.depthDx);
     const float4 rowStep = splat(s.depthDy), depthMax = splat(s.depthMax);
     const int4 zero = splatInt(0);
+    struct Crossing {
+        int4 lo, hi, step; // E at the row's columns 0-3 and 4-7, its change per row
+    };
     for (int by = s.by0; by <= s.by1; ++by) {
-        int64_t row[6];
-        for (int e = 0; e < 6; ++e) row[e] = s.start[e] + s.blockY[e] * by;
+        float4 rowF[2];
+        for (int p = 0; p < s.parts; ++p) rowF[p] = s.startF[p] + s.blockYF[p] * splat(float(by));
         const size_t rowStart = size_t(by) * blocksX;
         for (int run = s.bx0; run <= s.bx1; run += 8) {
             // Blocks already at least as near as the quad's nearest corner are skipped unseen.
@@ -752,74 +777,85 @@ void Rasterizer::drawQuadExact(const ExactQuad& s) {
                 // Per convex part: an edge with the whole block outside drops
                 // the part, one with it inside needs no pixel test, and only
                 // the edges crossing the block are evaluated per pixel.
-                ushort8 rows[8];
-                bool covered = false, full = false;
-                for (int p = 0; p < s.polygons && !full; ++p) {
-                    int4 lo[4], hi[4], step[4];
-                    int crossing = 0;
+                Crossing crossing[8];
+                int count[2] = {0, 0}, parts = 0, total = 0;
+                bool full = false;
+                const float4 fx = splat(float(bx));
+                for (int p = 0; p < s.parts && !full; ++p) {
+                    const float4 estimate = rowF[p] + s.blockXF[p] * fx;
+                    if (signMask(cmpLe(estimate + s.highF[p], -s.margin[p])) != 0) continue;
+                    unsigned unsure = ~signMask(cmpGt(estimate + s.lowF[p], s.margin[p])) & 0xFu;
+                    int n = 0;
                     bool outside = false;
-                    for (int k = 0; k < s.polygonEdges[p]; ++k) {
-                        const int e = s.polygon[p][k];
-                        const int64_t v = row[e] + s.blockX[e] * bx;
-                        if (v + s.high[e] <= 0) {
+                    while (unsure != 0) {
+                        const ExactQuad::Edge& e = s.edges[p][__builtin_ctz(unsure)];
+                        unsure &= unsure - 1;
+                        const int64_t v = e.start + e.blockY * by + e.blockX * bx;
+                        if (v + e.high <= 0) {
                             outside = true;
                             break;
                         }
-                        if (v + s.low[e] > 0) continue;
+                        if (v + e.low > 0) continue;
                         // The edge crosses the block: its values there fit 32 bits.
                         const int4 first = splatInt(int32_t(v));
-                        lo[crossing] = first + s.columnsLo[e];
-                        hi[crossing] = first + s.columnsHi[e];
-                        step[crossing++] = s.rowStep[e];
+                        crossing[total + n++] = {first + e.columnsLo, first + e.columnsHi, e.rowStep};
                     }
                     if (outside) continue;
-                    if (crossing == 0) {
-                        full = true;
-                        break;
-                    }
-                    for (int r = 0; r < 8; ++r) {
-                        int4 inLo = cmpGt(lo[0], zero), inHi = cmpGt(hi[0], zero);
-                        lo[0] += step[0];
-                        hi[0] += step[0];
-                        for (int k = 1; k < crossing; ++k) {
-                            inLo &= cmpGt(lo[k], zero);
-                            inHi &= cmpGt(hi[k], zero);
-                            lo[k] += step[k];
-                            hi[k] += step[k];
-                        }
-                        const ushort8 m = narrowSaturateUnsigned(inLo, inHi);
-                        rows[r] = covered ? max(rows[r], m) : m;
-                    }
-                    covered = true;
+                    full = n == 0;
+                    count[parts++] = n;
+                    total += n;
                 }
-                if (!full) {
-                    if (!covered) continue;
-                    ushort8 any = rows[0], all = rows[0];
-                    for (int r = 1; r < 8; ++r) {
-                        any = max(any, rows[r]);
-                        all = min(all, rows[r]);
-                    }
-                    if (byteMask(any) == 0) continue;
-                    full = byteMask(all) == 0xFFFFu;
-                }
+                if (parts == 0) continue;
 
                 const size_t block = rowStart + size_t(bx);
                 ushort8* pixels = &depthBuffer[8 * block];
                 const float corner = s.depthOrigin + s.depthDx * float(8 * bx) + s.depthDy * float(8 * by);
-                float4 lo = splat(corner) + (laneLo + rowStep * splat(0.5f));
-                float4 hi = splat(corner) + (laneHi + rowStep * splat(0.5f));
-                ushort8 farthest = splatU16(0xFFFF);
-                for (int r = 0; r < 8; ++r) {
-                    // Never nearer than the quad's nearest corner; never negative (that packs as nearest).
-                    ushort8 codes =
-                        packDepthPremultiplied(max(min(lo, depthMax), zero4()), max(min(hi, depthMax), zero4()));
-                    if (!full) codes = codes & rows[r];
-                    pixels[r] = max(pixels[r], codes);
-                    farthest = min(farthest, pixels[r]);
-                    lo = lo + rowStep;
-                    hi = hi + rowStep;
+                // Writes the block, row r's codes limited to the pixels that cover(r) keeps.
+                const auto write = [&](auto cover) {
+                    float4 lo = splat(corner) + (laneLo + rowStep * splat(0.5f));
+                    float4 hi = splat(corner) + (laneHi + rowStep * splat(0.5f));
+                    ushort8 farthest = splatU16(0xFFFF);
+                    for (int r = 0; r < 8; ++r) {
+                        // Never nearer than the quad's nearest corner; never negative (that packs as nearest).
+                        int4 codesLo = shiftRightArithmetic<12>(asInt(max(min(lo, depthMax), zero4())));
+                        int4 codesHi = shiftRightArithmetic<12>(asInt(max(min(hi, depthMax), zero4())));
+                        cover(codesLo, codesHi);
+                        pixels[r] = max(pixels[r], narrowSaturateUnsigned(codesLo, codesHi));
+                        farthest = min(farthest, pixels[r]);
+                        lo = lo + rowStep;
+                        hi = hi + rowStep;
+                    }
+                    blockDepth[block] = horizontalMin(farthest);
+                };
+                if (full) {
+                    write([](int4&, int4&) {});
+                } else if (total == 1) {
+                    Crossing c = crossing[0];
+                    write([&](int4& codesLo, int4& codesHi) {
+                        codesLo = codesLo & cmpGt(c.lo, zero);
+                        codesHi = codesHi & cmpGt(c.hi, zero);
+                        c.lo += c.step;
+                        c.hi += c.step;
+                    });
+                } else {
+                    write([&](int4& codesLo, int4& codesHi) {
+                        // Inside every crossing edge of some part.
+                        int4 inLo = splatInt(0), inHi = splatInt(0);
+                        for (int p = 0, k = 0; p < parts; ++p) {
+                            int4 partLo = splatInt(-1), partHi = splatInt(-1);
+                            for (const int end = k + count[p]; k < end; ++k) {
+                                partLo = partLo & cmpGt(crossing[k].lo, zero);
+                                partHi = partHi & cmpGt(crossing[k].hi, zero);
+                                crossing[k].lo += crossing[k].step;
+                                crossing[k].hi += crossing[k].step;
+                            }
+                            inLo = inLo | partLo;
+                            inHi = inHi | partHi;
+                        }
+                        codesLo = codesLo & inLo;
+                        codesHi = codesHi & inHi;
+                    });
                 }
-                blockDepth[block] = horizontalMin(farthest);
             }
         }
     }
