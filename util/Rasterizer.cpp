@@ -673,8 +673,12 @@ void Rasterizer::drawBatchExact(const ScreenBatch& q) {
 
         ExactQuad s;
         s.parts = 0;
+        // Per part: start, blockX, blockY, low, high in float, one lane per edge.
+        alignas(16) float estimates[2][5][4] = {{{1e30f, 1e30f, 1e30f, 1e30f}}, {{1e30f, 1e30f, 1e30f, 1e30f}}};
         const auto edge = [&](int from, int to) {
-            ExactQuad::Edge& e = s.edges[s.parts][s.edgeCount[s.parts]++];
+            float(&f)[5][4] = estimates[s.parts];
+            const int k = s.edgeCount[s.parts]++;
+            ExactQuad::Edge& e = s.edges[s.parts][k];
             const int64_t a = Y[to] - Y[from], b = X[from] - X[to];
             const int64_t tie = a > 0 || (a == 0 && b > 0) ? 1 : 0;
             e.start = a * (half - X[from]) + b * (half - Y[from]) + tie;
@@ -683,10 +687,15 @@ void Rasterizer::drawBatchExact(const ScreenBatch& q) {
             e.blockY = 8 * stepY;
             e.low = std::min<int64_t>(0, 7 * stepX) + std::min<int64_t>(0, 7 * stepY);
             e.high = std::max<int64_t>(0, 7 * stepX) + std::max<int64_t>(0, 7 * stepY);
-            const int32_t step = int32_t(stepX);
-            e.columnsLo = makeInt4(0, step, 2 * step, 3 * step);
-            e.columnsHi = makeInt4(4 * step, 5 * step, 6 * step, 7 * step);
+            const int4 step = splatInt(int32_t(stepX));
+            e.columnsLo = step * makeInt4(0, 1, 2, 3);
+            e.columnsHi = step * makeInt4(4, 5, 6, 7);
             e.rowStep = splatInt(int32_t(stepY));
+            f[0][k] = float(e.start);
+            f[1][k] = float(e.blockX);
+            f[2][k] = float(e.blockY);
+            f[3][k] = float(e.low);
+            f[4][k] = float(e.high);
         };
         // A quad whose corners all turn clockwise is convex and front-facing:
         // its four edges bound it. Any other is the union of its triangles
@@ -722,26 +731,17 @@ void Rasterizer::drawBatchExact(const ScreenBatch& q) {
         s.bx1 = int(c1 >> 3);
         s.by0 = int(r0 >> 3);
         s.by1 = int(r1 >> 3);
+        // A few roundings of terms no larger than these make the estimates.
+        const float4 blocksRight = splat(float(s.bx1 + 1)), blocksUp = splat(float(s.by1 + 1));
         for (int p = 0; p < s.parts; ++p) {
-            alignas(16) float start[4] = {1e30f, 1e30f, 1e30f, 1e30f}, blockX[4] = {}, blockY[4] = {};
-            alignas(16) float low[4] = {}, high[4] = {}, margin[4] = {};
-            for (int k = 0; k < s.edgeCount[p]; ++k) {
-                const ExactQuad::Edge& e = s.edges[p][k];
-                start[k] = float(e.start);
-                blockX[k] = float(e.blockX);
-                blockY[k] = float(e.blockY);
-                low[k] = float(e.low);
-                high[k] = float(e.high);
-                const double size = std::fabs(double(e.start)) + std::fabs(double(e.blockX)) * double(s.bx1 + 1) +
-                                    std::fabs(double(e.blockY)) * double(s.by1 + 1) + double(e.high - e.low);
-                margin[k] = float(size * (1.0 / 1048576.0));
-            }
-            s.startF[p] = load4(start);
-            s.blockXF[p] = load4(blockX);
-            s.blockYF[p] = load4(blockY);
-            s.lowF[p] = load4(low);
-            s.highF[p] = load4(high);
-            s.margin[p] = load4(margin);
+            s.startF[p] = load4(estimates[p][0]);
+            s.blockXF[p] = load4(estimates[p][1]);
+            s.blockYF[p] = load4(estimates[p][2]);
+            s.lowF[p] = load4(estimates[p][3]);
+            s.highF[p] = load4(estimates[p][4]);
+            const float4 size = abs(s.startF[p]) + abs(s.blockXF[p]) * blocksRight + abs(s.blockYF[p]) * blocksUp +
+                                (s.highF[p] - s.lowF[p]);
+            s.margin[p] = select(cmpEq(s.startF[p], splat(1e30f)), zero4(), size * splat(1.0f / 1048576.0f));
         }
         s.depthOrigin = lane(plane.origin, j);
         s.depthDx = lane(plane.dx, j);
