@@ -442,7 +442,8 @@ TEST(AsyncLoader, CityIsDrawnFromTheCacheAndHidesOnlyWhatIsHidden) {
         }
         size_t hidden = 0, referenceHidden = 0, wronglyHidden = 0;
         for (size_t b = 0; b < count; ++b) {
-            const bool referenceHides = documentedQueryHides(exact, viewProjection, &boxes[6 * b]);
+            const bool referenceHides =
+                documentedQueryHides(exact, viewProjection, &boxes[6 * b], ZELK_CONSERVATIVE != 0);
             hidden += !visible[b];
             referenceHidden += referenceHides;
             wronglyHidden += !visible[b] && !referenceHides;

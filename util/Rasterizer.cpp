@@ -10,13 +10,19 @@ namespace util {
 using namespace common;
 
 extern const uint64_t kRasterizationTable[Rasterizer::kTableSize];
-extern const uint64_t kConservativeRasterizationTable[Rasterizer::kTableSize];
 
 namespace {
 
 constexpr uint32_t kDepthScaleBits = 0x0F7FF000; // s = (1 - 2^-12) * 2^-96
 constexpr uint32_t kDecompressBits = 0x6F000800; // 2^95 * (1 + 2^-12)
 constexpr uint32_t kMinimumWBits = 0x00200000;   // keeps 1/w finite and positive
+// Exact coverage: corners on a grid of 1/kSubpixel pixel, within kGuard pixels
+// of the screen's centre (farther parts are clipped away first). These bounds
+// keep the edge functions within 64 bits per quad and within 32 bits inside
+// any block that an edge crosses.
+constexpr int kSubpixelShift = 6;
+constexpr int64_t kSubpixel = int64_t(1) << kSubpixelShift;
+constexpr float kGuard = 8192.0f;
 
 float depthScale() { return simd_detail::bitsFloat(kDepthScaleBits); }
 
@@ -68,15 +74,35 @@ struct Rasterizer::QuadSetup {
     float diagBase, diagIncX, diagIncY;
     int diagSlope;
     uint64_t diagForce;
-    // The diagonal from corner 0 to corner 2 (exact coverage: the complement
-    // of a conservative mask is not conservative, so the second triangle
-    // looks its own edge up).
-    float backBase, backIncX, backIncY;
-    int backSlope;
-    uint64_t backForce;
     bool split;
     float depthOrigin, depthDx, depthDy, depthMax; // premultiplied depth plane in pixels
     uint16_t code;                                 // code of the nearest corner
+    int bx0, bx1, by0, by1;
+};
+
+// One quad's set-up for exact coverage, in units of the corner grid. Edge e is
+// E(p) = a (p.x - x0) + b (p.y - y0) + tie, positive on its inner side (the
+// right of its direction, y up). tie is 1 when that side faces +x, or +y for a
+// horizontal edge: a pixel centre on an edge belongs to the side that a step
+// of (1, epsilon) enters, which is one side for every pair of quads sharing
+// the edge, so the centre is covered exactly once.
+struct Rasterizer::ExactQuad {
+    struct Edge {
+        int64_t start;             // E at the centre of pixel (0, 0)
+        int64_t blockX, blockY;    // its change per block
+        int64_t low, high;         // least and greatest change from a block's first pixel to the others
+        int4 columnsLo, columnsHi; // change to columns 0-3 and 4-7 of a row
+        int4 rowStep;
+    };
+    Edge edges[2][4]; // per convex part: the quad, or its two triangles
+    int edgeCount[2];
+    int parts;
+    // The same per part in float, one lane per edge (a missing fourth edge
+    // excludes nothing), with a margin that covers their rounding: most blocks
+    // are settled without the exact values.
+    float4 startF[2], blockXF[2], blockYF[2], lowF[2], highF[2], margin[2];
+    float depthOrigin, depthDx, depthDy, depthMax;
+    uint16_t code;
     int bx0, bx1, by0, by1;
 };
 
@@ -111,11 +137,49 @@ EdgeLanes setupEdge(float4 x0, float4 y0, float4 x1, float4 y1) {
     return e;
 }
 
+struct DepthPlane {
+    float4 origin, dx, dy; // premultiplied depth at pixel (0, 0) and per pixel
+    float4 nearest;        // of the four corners
+    // A bound on the error of the slopes over the quad's extent: it grows as
+    // the triangle that defines the plane thins (its area is a difference of
+    // products many times larger).
+    float4 slack;
+};
+
+ZELK_INLINE DepthPlane setupDepthPlane(const float4* x, const float4* y, const float4* d, float4 area012,
+                                       float4 area023, unsigned width, unsigned height) {
+    // Depth plane through the larger of the two triangles (c0 c1 c2) and
+    // (c0 c2 c3), lowered until the remaining corner is not nearer than it,
+    // so that the plane never lies in front of either triangle.
+    const int4 useFirst = cmpGe(abs(area012), abs(area023));
+    const float4 x1 = select(useFirst, x[1], x[2]), y1 = select(useFirst, y[1], y[2]);
+    const float4 x2 = select(useFirst, x[2], x[3]), y2 = select(useFirst, y[2], y[3]);
+    const float4 d1 = select(useFirst, d[1], d[2]), d2 = select(useFirst, d[2], d[3]);
+    const float4 xr = select(useFirst, x[3], x[1]), yr = select(useFirst, y[3], y[1]);
+    const float4 dr = select(useFirst, d[3], d[1]);
+    const float4 ux = x1 - x[0], uy = y1 - y[0], vx = x2 - x[0], vy = y2 - y[0];
+    const float4 du = d1 - d[0], dv = d2 - d[0];
+    const float4 area = select(useFirst, area012, area023);
+    const float4 depthDx = (du * vy - dv * uy) / area;
+    const float4 depthDy = (dv * ux - du * vx) / area;
+    float4 origin = d[0] - depthDx * x[0] - depthDy * y[0];
+    const float4 atRest = origin + depthDx * xr + depthDy * yr;
+    origin = origin - max(atRest - dr, zero4());
+    // Lowered a little more to cover rounding in the per-pixel evaluation.
+    const float4 spread = abs(origin) + abs(depthDx) * splat(float(width)) + abs(depthDy) * splat(float(height));
+    origin = origin - spread * splat(1.0f / 1048576.0f);
+    const float4 errorDx = (abs(du * vy) + abs(dv * uy)) / abs(area),
+                 errorDy = (abs(dv * ux) + abs(du * vx)) / abs(area);
+    const float4 extentX = max(max(x[0], x[1]), max(x[2], x[3])) - min(min(x[0], x[1]), min(x[2], x[3]));
+    const float4 extentY = max(max(y[0], y[1]), max(y[2], y[3])) - min(min(y[0], y[1]), min(y[2], y[3]));
+    const float4 slack = (errorDx * extentX + errorDy * extentY) * splat(1.0f / 1048576.0f);
+    return {origin, depthDx, depthDy, max(max(d[0], d[1]), max(d[2], d[3])), slack};
+}
+
 } // namespace
 
 Rasterizer::Rasterizer() : localToClip(new RasterizerLocalToClip()) {
-    const uint64_t* stored = ZELK_CONSERVATIVE ? kConservativeRasterizationTable : kRasterizationTable;
-    rasterizationTable.assign(stored, stored + kTableSize);
+    rasterizationTable.assign(kRasterizationTable, kRasterizationTable + kTableSize);
     for (auto& group : planeLanes)
         for (float4& v : group) v = zero4();
     for (auto& group : planeSigns)
@@ -127,7 +191,6 @@ Rasterizer::Rasterizer() : localToClip(new RasterizerLocalToClip()) {
 Rasterizer::~Rasterizer() { delete localToClip; }
 
 const uint64_t* Rasterizer::storedRasterizationTable() { return kRasterizationTable; }
-const uint64_t* Rasterizer::storedConservativeTable() { return kConservativeRasterizationTable; }
 
 void Rasterizer::setResolution(unsigned newWidth, unsigned newHeight) {
     width = newWidth;
@@ -238,39 +301,6 @@ void Rasterizer::precomputeRasterizationTableInto(std::vector<uint64_t>& table) 
     }
 }
 
-void Rasterizer::precomputeConservativeTableInto(std::vector<uint64_t>& table) {
-    if (table.size() < kTableSize) return;
-    // Normalisation by a refined reciprocal estimate leaves |a| + |b| within
-    // about 2^-15 of 1, and the offsets carry float rounding from the block
-    // origin: both are absorbed by widening each bucket by kMargin.
-    constexpr double kMargin = 1.0 / 1024.0;
-    for (int row = 0; row < 32; ++row) {
-        // trunc(16 + 15.5 a) = row: a in [(row - 16) / 15.5, (row - 15) / 15.5).
-        const double aLo = std::max(-1.0, (row - 16) / 15.5 - kMargin);
-        const double aHi = std::min(1.0, (row - 15) / 15.5 + kMargin);
-        for (int negative = 0; negative < 2; ++negative) {
-            const double sign = negative ? -1.0 : 1.0;
-            for (int column = 0; column < 64; ++column) {
-                // Column k holds offsets o with trunc(70 o + 32) = k (clamped at
-                // both ends): o < (k - 31) / 70. Column 63 has no upper bound.
-                uint64_t mask = 0;
-                const double oMax = (column - 31) / 70.0 + kMargin;
-                for (int c = 0; c < 8 && column < 63; ++c)
-                    for (int r = 0; r < 8; ++r) {
-                        const double px = -0.4375 + 0.125 * c, py = -0.4375 + 0.125 * r;
-                        // a px + b py with b = sign (1 - |a|) is linear on each
-                        // side of a = 0: its largest value is at an end or at 0.
-                        const auto value = [&](double a) { return a * px + sign * (1.0 - std::fabs(a)) * py; };
-                        double largest = std::max(value(aLo), value(aHi));
-                        if (aLo < 0.0 && aHi > 0.0) largest = std::max(largest, value(0.0));
-                        if (oMax + largest <= 0.0) mask |= uint64_t(1) << (8 * c + 7 - r);
-                    }
-                table[size_t(row) * 128 + size_t(negative) * 64 + size_t(column)] = mask;
-            }
-        }
-    }
-}
-
 template <bool possiblyNearClipped> void Rasterizer::rasterize(const Occluder& occluder) {
     if (occluder.packedVertices.empty() || blocksX == 0 || blocksY == 0) return;
     const RasterizerLocalToClip& t = *localToClip;
@@ -313,6 +343,61 @@ template <bool possiblyNearClipped> void Rasterizer::rasterize(const Occluder& o
             for (int comp = 0; comp < 3; ++comp) pending[comp][k][pendingCount] = v[corners[k]][comp];
         if (++pendingCount == 4) flushPending();
     };
+    // Exact coverage: the guard band around the screen's centre, and the
+    // clipping of one triangle of a quad against it and the near plane in
+    // homogeneous space (x w, y w, D w, w).
+    const float4 guard = splat(kGuard), guardX = splat(0.5f * float(width)), guardY = splat(0.5f * float(height));
+    const auto clipTriangle = [&](const float* c0, const float* c1, const float* c2) {
+        const float cx = 0.5f * float(width), cy = 0.5f * float(height);
+        const auto distance = [&](const float* v, int plane) {
+            switch (plane) {
+            case 0: return 2.0f * depthScale() * v[3] - v[2];
+            case 1: return v[0] - (cx - kGuard) * v[3];
+            case 2: return (cx + kGuard) * v[3] - v[0];
+            case 3: return v[1] - (cy - kGuard) * v[3];
+            default: return (cy + kGuard) * v[3] - v[1];
+            }
+        };
+        float polygon[2][8][4];
+        int n = 3;
+        std::memcpy(polygon[0][0], c0, sizeof(float) * 4);
+        std::memcpy(polygon[0][1], c1, sizeof(float) * 4);
+        std::memcpy(polygon[0][2], c2, sizeof(float) * 4);
+        for (int plane = 0; plane < 5 && n >= 3; ++plane) {
+            const float(*in)[4] = polygon[plane & 1];
+            float(*out)[4] = polygon[(plane + 1) & 1];
+            int m = 0;
+            for (int i = 0; i < n; ++i) {
+                const float* a = in[i];
+                const float* b = in[i + 1 < n ? i + 1 : 0];
+                const float da = distance(a, plane), db = distance(b, plane);
+                if (da >= 0.0f) std::memcpy(out[m++], a, sizeof(float) * 4);
+                if ((da >= 0.0f) != (db >= 0.0f)) {
+                    // From the endpoint inside, so that the two quads sharing
+                    // an edge cut it at the same point.
+                    const float* p = da >= 0.0f ? a : b;
+                    const float* o = da >= 0.0f ? b : a;
+                    const float dp = da >= 0.0f ? da : db, dq = da >= 0.0f ? db : da;
+                    const float t = dp / (dp - dq);
+                    for (int c = 0; c < 4; ++c) out[m][c] = p[c] + t * (o[c] - p[c]);
+                    ++m;
+                }
+            }
+            n = m;
+        }
+        if (n < 3) return;
+        const float(*clipped)[4] = polygon[1]; // after an odd number of planes
+        float v[8][3];
+        for (int i = 0; i < n; ++i) {
+            const float w = clipped[i][3], r = 1.0f / w; // as the unclipped corners are divided
+            if (!(w > 0.0f) || !std::isfinite(clipped[i][0]) || !std::isfinite(clipped[i][1]) ||
+                !std::isfinite(clipped[i][2]) || !std::isfinite(w))
+                return;
+            for (int c = 0; c < 3; ++c) v[i][c] = clipped[i][c] * r;
+        }
+        // A fan of quads, each two of its triangles; an odd one repeats its last corner.
+        for (int i = 1; i + 1 < n; i += 2) emit(v, 0, i, i + 1, i + 2 < n ? i + 2 : i + 1);
+    };
 
     const size_t batches = occluder.packedVertices.size() / 4;
     for (size_t b = 0; b < batches; ++b) {
@@ -331,13 +416,21 @@ template <bool possiblyNearClipped> void Rasterizer::rasterize(const Occluder& o
         for (int k = 0; k < 4; ++k) {
             // For lanes in front the clamp changes nothing; it keeps the others' reciprocals finite.
             const float4 w = possiblyNearClipped ? max(abs(h[3][k]), minW) : h[3][k];
-            const float4 r = rcp(w);
+            // Exact coverage snaps the corners: a correctly rounded reciprocal
+            // gives every vector backend the same grid points.
+            const float4 r = ZELK_CONSERVATIVE ? splat(1.0f) / w : rcp(w);
             batch.x[k] = h[0][k] * r;
             batch.y[k] = h[1][k] * r;
             batch.d[k] = h[2][k] * r;
         }
         batch.valid = inFront;
-        const unsigned direct = signMask(inFront);
+        if (ZELK_CONSERVATIVE) {
+            // Quads reaching past the guard band (NaN included) are clipped to it.
+            for (int k = 0; k < 4; ++k)
+                batch.valid =
+                    batch.valid & cmpLe(abs(batch.x[k] - guardX), guard) & cmpLe(abs(batch.y[k] - guardY), guard);
+        }
+        const unsigned direct = signMask(batch.valid);
         if (direct != 0) drawBatch(batch);
         if (direct == 0xF) continue;
 
@@ -346,6 +439,14 @@ template <bool possiblyNearClipped> void Rasterizer::rasterize(const Occluder& o
             for (int k = 0; k < 4; ++k) store4(lanes[c][k], h[c][k]);
         for (int j = 0; j < 4; ++j) {
             if (direct & (1u << j)) continue;
+            if (ZELK_CONSERVATIVE) {
+                float corners[4][4];
+                for (int k = 0; k < 4; ++k)
+                    for (int c = 0; c < 4; ++c) corners[k][c] = lanes[c][k][j];
+                clipTriangle(corners[0], corners[1], corners[2]);
+                clipTriangle(corners[0], corners[2], corners[3]);
+                continue;
+            }
             // Sutherland-Hodgman against the near plane in homogeneous space.
             // A quad that is not flat can cross it four times (corners alternately
             // in front and behind), leaving six vertices.
@@ -386,6 +487,10 @@ template void Rasterizer::rasterize<false>(const Occluder&);
 template void Rasterizer::rasterize<true>(const Occluder&);
 
 void Rasterizer::drawBatch(const ScreenBatch& q) {
+    if (ZELK_CONSERVATIVE) {
+        drawBatchExact(q);
+        return;
+    }
     const float4 *x = q.x, *y = q.y, *d = q.d;
     // Twice the signed area; clockwise (negative) quads face the camera.
     const float4 ex1 = x[1] - x[0], ey1 = y[1] - y[0], ex2 = x[2] - x[0], ey2 = y[2] - y[0];
@@ -405,29 +510,9 @@ void Rasterizer::drawBatch(const ScreenBatch& q) {
     EdgeLanes edges[4];
     for (int k = 0; k < 4; ++k) edges[k] = setupEdge(x[k], y[k], x[(k + 1) & 3], y[(k + 1) & 3]);
     const EdgeLanes diag = setupEdge(x[2], y[2], x[0], y[0]);
-    const EdgeLanes back = ZELK_CONSERVATIVE ? setupEdge(x[0], y[0], x[2], y[2]) : diag;
 
-    // Depth plane through the larger of the two triangles (c0 c1 c2) and
-    // (c0 c2 c3), lowered until the remaining corner is not nearer than it,
-    // so that the plane never lies in front of either triangle.
-    const int4 useFirst = cmpGe(abs(area012), abs(area023));
-    const float4 x1 = select(useFirst, x[1], x[2]), y1 = select(useFirst, y[1], y[2]);
-    const float4 x2 = select(useFirst, x[2], x[3]), y2 = select(useFirst, y[2], y[3]);
-    const float4 d1 = select(useFirst, d[1], d[2]), d2 = select(useFirst, d[2], d[3]);
-    const float4 xr = select(useFirst, x[3], x[1]), yr = select(useFirst, y[3], y[1]);
-    const float4 dr = select(useFirst, d[3], d[1]);
-    const float4 ux = x1 - x[0], uy = y1 - y[0], vx = x2 - x[0], vy = y2 - y[0];
-    const float4 du = d1 - d[0], dv = d2 - d[0];
-    const float4 area = select(useFirst, area012, area023);
-    const float4 depthDx = (du * vy - dv * uy) / area;
-    const float4 depthDy = (dv * ux - du * vx) / area;
-    float4 origin = d[0] - depthDx * x[0] - depthDy * y[0];
-    const float4 atRest = origin + depthDx * xr + depthDy * yr;
-    origin = origin - max(atRest - dr, zero4());
-    // Lowered a little more to cover rounding in the per-pixel evaluation.
-    const float4 spread = abs(origin) + abs(depthDx) * splat(float(width)) + abs(depthDy) * splat(float(height));
-    origin = origin - spread * splat(1.0f / 1048576.0f);
-    const float4 depthMax = max(max(d[0], d[1]), max(d[2], d[3]));
+    const DepthPlane plane = setupDepthPlane(x, y, d, area012, area023, width, height);
+    const float4 origin = plane.origin, depthDx = plane.dx, depthDy = plane.dy, depthMax = plane.nearest;
 
     const float4 minX = min(min(x[0], x[1]), min(x[2], x[3])), maxX = max(max(x[0], x[1]), max(x[2], x[3]));
     const float4 minY = min(min(y[0], y[1]), min(y[2], y[3])), maxY = max(max(y[0], y[1]), max(y[2], y[3]));
@@ -470,11 +555,6 @@ void Rasterizer::drawBatch(const ScreenBatch& q) {
         s.diagIncY = lane(diag.incY, j);
         s.diagSlope = lane(diag.slope, j);
         s.diagForce = lane(diag.degenerate, j) ? ~uint64_t(0) : 0;
-        s.backBase = lane(back.base, j);
-        s.backIncX = lane(back.incX, j);
-        s.backIncY = lane(back.incY, j);
-        s.backSlope = lane(back.slope, j);
-        s.backForce = lane(back.degenerate, j) ? ~uint64_t(0) : 0;
         s.depthOrigin = lane(origin, j);
         s.depthDx = lane(depthDx, j);
         s.depthDy = lane(depthDy, j);
@@ -519,14 +599,7 @@ void Rasterizer::drawQuad(const QuadSetup& s) {
                     const float diagOffset = diagRow + s.diagIncX * float(bx);
                     const int column = lane<0>(min(max(truncToInt(splat(diagOffset)), splatInt(0)), splatInt(63)));
                     const uint64_t diag = table[s.diagSlope + column] | s.diagForce;
-                    uint64_t back = ~diag;
-                    if (ZELK_CONSERVATIVE) {
-                        const float backOffset = (s.backBase + s.backIncY * float(by)) + s.backIncX * float(bx);
-                        const int backColumn =
-                            lane<0>(min(max(truncToInt(splat(backOffset)), splatInt(0)), splatInt(63)));
-                        back = table[s.backSlope + backColumn] | s.backForce;
-                    }
-                    mask = (e0 & e1 & diag) | (e2 & e3 & back);
+                    mask = (e0 & e1 & diag) | (e2 & e3 & ~diag);
                 }
                 if (mask == 0) continue;
 
@@ -549,6 +622,240 @@ void Rasterizer::drawQuad(const QuadSetup& s) {
                     hi = hi + rowStep;
                 }
                 blockDepth[block] = horizontalMin(farthest);
+            }
+        }
+    }
+}
+
+void Rasterizer::drawBatchExact(const ScreenBatch& q) {
+    const float4 *x = q.x, *y = q.y, *d = q.d;
+    const float4 ex1 = x[1] - x[0], ey1 = y[1] - y[0], ex2 = x[2] - x[0], ey2 = y[2] - y[0];
+    const float4 ex3 = x[3] - x[0], ey3 = y[3] - y[0];
+    const float4 area012 = ex1 * ey2 - ey1 * ex2, area023 = ex2 * ey3 - ey2 * ex3;
+    DepthPlane plane = setupDepthPlane(x, y, d, area012, area023, width, height);
+    // Thin pieces are common here (clipping cuts triangles into fans), and a
+    // pixel centre may lie up to half a grid step outside the float quad.
+    plane.origin = plane.origin - plane.slack;
+    int4 usable = q.valid & isFinite(plane.origin) & isFinite(plane.dx) & isFinite(plane.dy) & isFinite(plane.nearest);
+    // Clipping leaves the corners within the guard band up to rounding; the
+    // bound keeps the set-up's products within 64 bits whatever the input.
+    const float4 limit = splat(1.01f * kGuard), grid = splat(float(kSubpixel));
+    const float4 cx = splat(0.5f * float(width)), cy = splat(0.5f * float(height));
+    alignas(16) int32_t gx[4][4], gy[4][4]; // corner, quad
+    for (int k = 0; k < 4; ++k) {
+        usable = usable & cmpLe(abs(x[k] - cx), limit) & cmpLe(abs(y[k] - cy), limit);
+        storeInt4(gx[k], roundToInt(x[k] * grid));
+        storeInt4(gy[k], roundToInt(y[k] * grid));
+    }
+    const unsigned drawn = signMask(usable);
+    if (drawn == 0) return;
+    alignas(16) uint16_t codes[8];
+    storeU16(codes, packDepthPremultiplied(plane.nearest));
+
+    for (int j = 0; j < 4; ++j) {
+        if (!(drawn & (1u << j))) continue;
+        int64_t X[4], Y[4];
+        for (int k = 0; k < 4; ++k) {
+            X[k] = gx[k][j];
+            Y[k] = gy[k][j];
+        }
+        // Pixels whose centres (c + 1/2 on the grid) lie within the corners' range.
+        const int64_t half = kSubpixel / 2;
+        const int64_t minX = std::min(std::min(X[0], X[1]), std::min(X[2], X[3]));
+        const int64_t maxX = std::max(std::max(X[0], X[1]), std::max(X[2], X[3]));
+        const int64_t minY = std::min(std::min(Y[0], Y[1]), std::min(Y[2], Y[3]));
+        const int64_t maxY = std::max(std::max(Y[0], Y[1]), std::max(Y[2], Y[3]));
+        const int64_t c0 = std::max<int64_t>((minX - half + kSubpixel - 1) >> kSubpixelShift, 0);
+        const int64_t c1 = std::min<int64_t>((maxX - half) >> kSubpixelShift, int64_t(width) - 1);
+        const int64_t r0 = std::max<int64_t>((minY - half + kSubpixel - 1) >> kSubpixelShift, 0);
+        const int64_t r1 = std::min<int64_t>((maxY - half) >> kSubpixelShift, int64_t(height) - 1);
+        if (c0 > c1 || r0 > r1) continue;
+
+        ExactQuad s;
+        s.parts = 0;
+        // Per part: start, blockX, blockY, low, high in float, one lane per edge.
+        alignas(16) float estimates[2][5][4] = {{{1e30f, 1e30f, 1e30f, 1e30f}}, {{1e30f, 1e30f, 1e30f, 1e30f}}};
+        const auto edge = [&](int from, int to) {
+            float(&f)[5][4] = estimates[s.parts];
+            const int k = s.edgeCount[s.parts]++;
+            ExactQuad::Edge& e = s.edges[s.parts][k];
+            const int64_t a = Y[to] - Y[from], b = X[from] - X[to];
+            const int64_t tie = a > 0 || (a == 0 && b > 0) ? 1 : 0;
+            e.start = a * (half - X[from]) + b * (half - Y[from]) + tie;
+            const int64_t stepX = a * kSubpixel, stepY = b * kSubpixel; // per pixel
+            e.blockX = 8 * stepX;
+            e.blockY = 8 * stepY;
+            e.low = std::min<int64_t>(0, 7 * stepX) + std::min<int64_t>(0, 7 * stepY);
+            e.high = std::max<int64_t>(0, 7 * stepX) + std::max<int64_t>(0, 7 * stepY);
+            const int4 step = splatInt(int32_t(stepX));
+            e.columnsLo = step * makeInt4(0, 1, 2, 3);
+            e.columnsHi = step * makeInt4(4, 5, 6, 7);
+            e.rowStep = splatInt(int32_t(stepY));
+            f[0][k] = float(e.start);
+            f[1][k] = float(e.blockX);
+            f[2][k] = float(e.blockY);
+            f[3][k] = float(e.low);
+            f[4][k] = float(e.high);
+        };
+        // A quad whose corners all turn clockwise is convex and front-facing:
+        // its four edges bound it. Any other is the union of its triangles
+        // (c0 c1 c2) and (c0 c2 c3) that face the camera, which share the
+        // diagonal c0 c2 with opposite directions.
+        bool convex = true;
+        for (int k = 0; k < 4; ++k) {
+            const int kp = (k + 3) & 3, kn = (k + 1) & 3;
+            convex = convex && (Y[k] - Y[kp]) * (X[kn] - X[k]) - (X[k] - X[kp]) * (Y[kn] - Y[k]) > 0;
+        }
+        s.edgeCount[0] = s.edgeCount[1] = 0;
+        if (convex) {
+            for (int k = 0; k < 4; ++k) edge(k, (k + 1) & 3);
+            s.parts = 1;
+        } else {
+            const int64_t first = (X[1] - X[0]) * (Y[2] - Y[0]) - (Y[1] - Y[0]) * (X[2] - X[0]);
+            const int64_t second = (X[2] - X[0]) * (Y[3] - Y[0]) - (Y[2] - Y[0]) * (X[3] - X[0]);
+            if (first < 0) {
+                edge(0, 1);
+                edge(1, 2);
+                edge(2, 0);
+                ++s.parts;
+            }
+            if (second < 0) {
+                edge(2, 3);
+                edge(3, 0);
+                edge(0, 2);
+                ++s.parts;
+            }
+            if (s.parts == 0) continue; // facing away, or no area
+        }
+        s.bx0 = int(c0 >> 3);
+        s.bx1 = int(c1 >> 3);
+        s.by0 = int(r0 >> 3);
+        s.by1 = int(r1 >> 3);
+        // A few roundings of terms no larger than these make the estimates.
+        const float4 blocksRight = splat(float(s.bx1 + 1)), blocksUp = splat(float(s.by1 + 1));
+        for (int p = 0; p < s.parts; ++p) {
+            s.startF[p] = load4(estimates[p][0]);
+            s.blockXF[p] = load4(estimates[p][1]);
+            s.blockYF[p] = load4(estimates[p][2]);
+            s.lowF[p] = load4(estimates[p][3]);
+            s.highF[p] = load4(estimates[p][4]);
+            const float4 size = abs(s.startF[p]) + abs(s.blockXF[p]) * blocksRight + abs(s.blockYF[p]) * blocksUp +
+                                (s.highF[p] - s.lowF[p]);
+            s.margin[p] = select(cmpEq(s.startF[p], splat(1e30f)), zero4(), size * splat(1.0f / 1048576.0f));
+        }
+        s.depthOrigin = lane(plane.origin, j);
+        s.depthDx = lane(plane.dx, j);
+        s.depthDy = lane(plane.dy, j);
+        s.depthMax = lane(plane.nearest, j);
+        s.code = codes[j];
+        drawQuadExact(s);
+    }
+}
+
+void Rasterizer::drawQuadExact(const ExactQuad& s) {
+    const ushort8 code = splatU16(s.code);
+    const float4 laneLo = make4(0.5f, 1.5f, 2.5f, 3.5f) * splat(s.depthDx);
+    const float4 laneHi = make4(4.5f, 5.5f, 6.5f, 7.5f) * splat(s.depthDx);
+    const float4 rowStep = splat(s.depthDy), depthMax = splat(s.depthMax);
+    const int4 zero = splatInt(0);
+    struct Crossing {
+        int4 lo, hi, step; // E at the row's columns 0-3 and 4-7, its change per row
+    };
+    for (int by = s.by0; by <= s.by1; ++by) {
+        float4 rowF[2];
+        for (int p = 0; p < s.parts; ++p) rowF[p] = s.startF[p] + s.blockYF[p] * splat(float(by));
+        const size_t rowStart = size_t(by) * blocksX;
+        for (int run = s.bx0; run <= s.bx1; run += 8) {
+            // Blocks already at least as near as the quad's nearest corner are skipped unseen.
+            const ushort8 depths = loaduU16(&blockDepth[rowStart + size_t(run)]);
+            unsigned open = ~byteMask(cmpGe(depths, code)) & runMask(unsigned(s.bx1 - run + 1));
+            while (open != 0) {
+                const int i = __builtin_ctz(open) >> 1;
+                open &= ~(3u << (2 * i));
+                const int bx = run + i;
+
+                // Per convex part: an edge with the whole block outside drops
+                // the part, one with it inside needs no pixel test, and only
+                // the edges crossing the block are evaluated per pixel.
+                Crossing crossing[8];
+                int count[2] = {0, 0}, parts = 0, total = 0;
+                bool full = false;
+                const float4 fx = splat(float(bx));
+                for (int p = 0; p < s.parts && !full; ++p) {
+                    const float4 estimate = rowF[p] + s.blockXF[p] * fx;
+                    if (signMask(cmpLe(estimate + s.highF[p], -s.margin[p])) != 0) continue;
+                    unsigned unsure = ~signMask(cmpGt(estimate + s.lowF[p], s.margin[p])) & 0xFu;
+                    int n = 0;
+                    bool outside = false;
+                    while (unsure != 0) {
+                        const ExactQuad::Edge& e = s.edges[p][__builtin_ctz(unsure)];
+                        unsure &= unsure - 1;
+                        const int64_t v = e.start + e.blockY * by + e.blockX * bx;
+                        if (v + e.high <= 0) {
+                            outside = true;
+                            break;
+                        }
+                        if (v + e.low > 0) continue;
+                        // The edge crosses the block: its values there fit 32 bits.
+                        const int4 first = splatInt(int32_t(v));
+                        crossing[total + n++] = {first + e.columnsLo, first + e.columnsHi, e.rowStep};
+                    }
+                    if (outside) continue;
+                    full = n == 0;
+                    count[parts++] = n;
+                    total += n;
+                }
+                if (parts == 0) continue;
+
+                const size_t block = rowStart + size_t(bx);
+                ushort8* pixels = &depthBuffer[8 * block];
+                const float corner = s.depthOrigin + s.depthDx * float(8 * bx) + s.depthDy * float(8 * by);
+                // Writes the block, row r's codes limited to the pixels that cover(r) keeps.
+                const auto write = [&](auto cover) {
+                    float4 lo = splat(corner) + (laneLo + rowStep * splat(0.5f));
+                    float4 hi = splat(corner) + (laneHi + rowStep * splat(0.5f));
+                    ushort8 farthest = splatU16(0xFFFF);
+                    for (int r = 0; r < 8; ++r) {
+                        // Never nearer than the quad's nearest corner; never negative (that packs as nearest).
+                        int4 codesLo = shiftRightArithmetic<12>(asInt(max(min(lo, depthMax), zero4())));
+                        int4 codesHi = shiftRightArithmetic<12>(asInt(max(min(hi, depthMax), zero4())));
+                        cover(codesLo, codesHi);
+                        pixels[r] = max(pixels[r], narrowSaturateUnsigned(codesLo, codesHi));
+                        farthest = min(farthest, pixels[r]);
+                        lo = lo + rowStep;
+                        hi = hi + rowStep;
+                    }
+                    blockDepth[block] = horizontalMin(farthest);
+                };
+                if (full) {
+                    write([](int4&, int4&) {});
+                } else if (total == 1) {
+                    Crossing c = crossing[0];
+                    write([&](int4& codesLo, int4& codesHi) {
+                        codesLo = codesLo & cmpGt(c.lo, zero);
+                        codesHi = codesHi & cmpGt(c.hi, zero);
+                        c.lo += c.step;
+                        c.hi += c.step;
+                    });
+                } else {
+                    write([&](int4& codesLo, int4& codesHi) {
+                        // Inside every crossing edge of some part.
+                        int4 inLo = splatInt(0), inHi = splatInt(0);
+                        for (int p = 0, k = 0; p < parts; ++p) {
+                            int4 partLo = splatInt(-1), partHi = splatInt(-1);
+                            for (const int end = k + count[p]; k < end; ++k) {
+                                partLo = partLo & cmpGt(crossing[k].lo, zero);
+                                partHi = partHi & cmpGt(crossing[k].hi, zero);
+                                crossing[k].lo += crossing[k].step;
+                                crossing[k].hi += crossing[k].step;
+                            }
+                            inLo = inLo | partLo;
+                            inHi = inHi | partHi;
+                        }
+                        codesLo = codesLo & inLo;
+                        codesHi = codesHi & inHi;
+                    });
+                }
             }
         }
     }
@@ -633,10 +940,13 @@ bool Rasterizer::query2D(unsigned minX, unsigned maxX, unsigned minY, unsigned m
                 const int xs = std::max(int(minX) - int(8 * bx), 0), xe = std::min(int(maxX) - int(8 * bx), 7);
                 const int ys = std::max(int(minY) - int(8 * by), 0), ye = std::min(int(maxY) - int(8 * by), 7);
                 if (xs == 0 && xe == 7 && ys == 0 && ye == 7) return true;
-                // Lanes 8 - xe through 7 - xs: the columns mirrored about the
-                // block's centre, xe exclusive. Kept as specified for this
-                // buffer's answers to stay the same on every platform.
-                const unsigned selected = (0xFFFFu >> (2 * xs)) & (0xFFFFu << (2 * (8 - xe))) & 0xFFFFu;
+                // The default build reads lanes 8 - xe through 7 - xs: the
+                // columns mirrored about the block's centre, xe exclusive, kept
+                // so that its answers stay those of the system it replaces. The
+                // conservative build reads the box's own columns, xs to xe.
+                const unsigned selected = ZELK_CONSERVATIVE
+                                              ? (0xFFFFu >> (2 * (7 - xe))) & (0xFFFFu << (2 * xs)) & 0xFFFFu
+                                              : (0xFFFFu >> (2 * xs)) & (0xFFFFu << (2 * (8 - xe))) & 0xFFFFu;
                 const ushort8* rows = &depthBuffer[8 * (rowStart + bx)];
                 for (int r = ys; r <= ye; ++r)
                     if ((selected & ~byteMask(cmpGe(rows[r], q))) != 0) return true;

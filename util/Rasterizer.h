@@ -2,6 +2,12 @@
 // blocks with a conservative depth per block, coverage from a table of edge
 // masks, and hierarchical box queries. Screen y points up (row 0 at the
 // bottom); a larger depth code is nearer; 0 means nothing drawn.
+//
+// Conservative builds (ZELK_CONSERVATIVE) cover a pixel only when its centre
+// lies inside the projected quad: corners snapped to 1/64 pixel and exact
+// integer edge functions with a tie rule, so that the quads of a tessellated
+// surface cover each pixel centre once and leave no seams. Their box query
+// reads the box's own pixel columns.
 #pragma once
 
 #include "common/Matrix4x4.h"
@@ -45,15 +51,11 @@ public:
     bool query(const float* boundsMin, const float* boundsMax) const;
 
     // Builds the coverage table from sampled edges (the table is otherwise
-    // copied from its stored form; this is what produced it).
+    // copied from its stored form; this is what produced it). Conservative
+    // builds hold it but draw without it.
     void precomputeRasterizationTable();
     // The same construction, OR-ed into the first kTableSize entries of table.
     static void precomputeRasterizationTableInto(std::vector<uint64_t>& table);
-    // The conservative table of exact-coverage builds: an entry holds the
-    // pixels whose centres lie inside every edge that quantises to it (with a
-    // margin for rounding in the edge set-up), written over the first
-    // kTableSize entries.
-    static void precomputeConservativeTableInto(std::vector<uint64_t>& table);
 
     // (bits of d) >> 12, arithmetic, narrowed with unsigned saturation: the
     // far plane packs to 0, the near plane just below 65536, anything nearer
@@ -74,16 +76,17 @@ public:
     size_t blockDepthSize() const { return blockDepth.size(); }
     size_t depthBufferSize() const { return depthBuffer.size(); }
     const std::vector<uint64_t>& getRasterizationTable() const { return rasterizationTable; }
-    // The stored tables, kTableSize entries each; a rasteriser copies the
-    // conservative one in exact-coverage builds.
+    // The stored table, kTableSize entries.
     static const uint64_t* storedRasterizationTable();
-    static const uint64_t* storedConservativeTable();
 
 private:
     struct ScreenBatch;
     struct QuadSetup;
+    struct ExactQuad;
     void drawBatch(const ScreenBatch& batch);
     void drawQuad(const QuadSetup& quad);
+    void drawBatchExact(const ScreenBatch& batch);
+    void drawQuadExact(const ExactQuad& quad);
     template <bool withFraction>
     bool testBox(common::float4 boundsMin, common::float4 boundsMax, bool& needsClipping, float& screenFraction) const;
 

@@ -97,7 +97,8 @@ uint16_t ExactDepthBuffer::blockCode(int bx, int by) const {
     return m;
 }
 
-bool ExactDepthBuffer::query2D(unsigned minX, unsigned maxX, unsigned minY, unsigned maxY, uint16_t q) const {
+bool ExactDepthBuffer::query2D(unsigned minX, unsigned maxX, unsigned minY, unsigned maxY, uint16_t q,
+                               bool ownColumns) const {
     bool candidate = false;
     for (unsigned by = minY / 8; by <= maxY / 8; ++by)
         for (unsigned bx = minX / 8; bx <= maxX / 8; ++bx) candidate = candidate || blockCode(int(bx), int(by)) <= q;
@@ -108,9 +109,10 @@ bool ExactDepthBuffer::query2D(unsigned minX, unsigned maxX, unsigned minY, unsi
             const int xs = std::max(int(minX) - int(8 * bx), 0), xe = std::min(int(maxX) - int(8 * bx), 7);
             const int ys = std::max(int(minY) - int(8 * by), 0), ye = std::min(int(maxY) - int(8 * by), 7);
             if (xs == 0 && xe == 7 && ys == 0 && ye == 7) return true;
-            // The described selection: columns 8 - xe through 7 - xs.
+            // Mirrored: columns 8 - xe through 7 - xs. Own: xs through xe.
+            const int first = ownColumns ? xs : 8 - xe, last = ownColumns ? xe : 7 - xs;
             for (int y = ys; y <= ye; ++y)
-                for (int column = 8 - xe; column <= 7 - xs; ++column)
+                for (int column = first; column <= last; ++column)
                     if (code(int(8 * bx) + column, int(8 * by) + y) < q) return true;
         }
     return false;
@@ -142,7 +144,8 @@ bool boxSeen(const ExactDepthBuffer& occluders, const float* viewProjection, con
     return false;
 }
 
-bool documentedQueryHides(const ExactDepthBuffer& occluders, const float* viewProjection, const float* box) {
+bool documentedQueryHides(const ExactDepthBuffer& occluders, const float* viewProjection, const float* box,
+                          bool ownColumns) {
     std::array<double, 4> corner[8];
     for (int i = 0; i < 8; ++i)
         corner[i] = transformPoint(viewProjection, box[(i & 1) ? 3 : 0], box[(i & 2) ? 4 : 1], box[(i & 4) ? 5 : 2]);
@@ -167,7 +170,7 @@ bool documentedQueryHides(const ExactDepthBuffer& occluders, const float* viewPr
     const unsigned x0 = clampRound(minX, occluders.width), x1 = clampRound(maxX, occluders.width);
     const unsigned y0 = clampRound(minY, occluders.height), y1 = clampRound(maxY, occluders.height);
     if (x0 > x1 || y0 > y1) return true;
-    return !occluders.query2D(x0, x1, y0, y1, rapidCode(float(nearest)));
+    return !occluders.query2D(x0, x1, y0, y1, rapidCode(float(nearest)), ownColumns);
 }
 
 } // namespace testing_support

@@ -1,6 +1,7 @@
 // Straightforward versions of what the quad rasteriser computes, for use as
 // oracles: exact pixel-centre coverage and depth in double precision, the
-// 16-bit depth code, and the two-pass block query written as described.
+// 16-bit depth code, and the two-pass block query written as described (with
+// either column rule).
 #pragma once
 
 #include <array>
@@ -41,8 +42,10 @@ public:
     uint16_t code(int x, int y) const { return covered(x, y) ? rapidCode(float(depth(x, y))) : 0; }
     uint16_t blockCode(int bx, int by) const; // farthest code of the block
 
-    // The two-pass block query of the rapid buffer over these codes.
-    bool query2D(unsigned minX, unsigned maxX, unsigned minY, unsigned maxY, uint16_t q) const;
+    // The two-pass block query of the rapid buffer over these codes. The
+    // default build's fine pass reads the columns mirrored about each block's
+    // centre (xe exclusive); the conservative build's reads the box's own.
+    bool query2D(unsigned minX, unsigned maxX, unsigned minY, unsigned maxY, uint16_t q, bool ownColumns) const;
 
     int width, height;
 
@@ -62,6 +65,7 @@ bool boxSeen(const ExactDepthBuffer& occluders, const float* viewProjection, con
 // The rapid buffer's box test (frustum, near guard, rounded rectangle,
 // nearest corner's code, the two block passes) applied in double precision to
 // an exact buffer's codes: true when that rule hides the box.
-bool documentedQueryHides(const ExactDepthBuffer& occluders, const float* viewProjection, const float* box);
+bool documentedQueryHides(const ExactDepthBuffer& occluders, const float* viewProjection, const float* box,
+                          bool ownColumns);
 
 } // namespace testing_support
