@@ -744,7 +744,7 @@ int main(int argc, char** argv) {
     app.add_option("--cell", o.cell,
                    "levels: group faces into meshes by cells this many units wide; 0 (the default): no cells, "
                    "faces in the level's order, a new mesh only where one would pass 65,535 vertices")
-        ->check(CLI::NonNegativeNumber);
+        ->check(CLI::Range(0.0, 1.0e6));
     app.add_option("--mode", o.mode,
                    "library mode: default, conservative or both (both: the conservative one runs in the program "
                    "zelk-demo-conservative beside this one)")
