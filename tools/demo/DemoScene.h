@@ -65,6 +65,9 @@ Scene makeCity(uint32_t seed);
 // with one box per instance and mesh part. Returns false with a message.
 bool addModel(Scene& scene, const std::string& path, std::string& error);
 // A Quake-3-format level: a .bsp file, or a map name inside the OpenArena package.
-bool loadLevel(Scene& scene, const std::string& nameOrPath, std::string& error);
+// Its faces become meshes of at most 65,535 vertices: with cell > 0 each mesh
+// holds faces from one cell that many units wide; with 0, the faces follow in
+// the level's own order, as a host that submits the level as stored would.
+bool loadLevel(Scene& scene, const std::string& nameOrPath, float cell, std::string& error);
 
 } // namespace demo

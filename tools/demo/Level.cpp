@@ -29,11 +29,7 @@ constexpr int32_t kSurfaceSky = 0x4, kSurfaceNoDraw = 0x80, kSurfaceHint = 0x100
 constexpr int32_t kSurfaceNonSolid = 0x4000;
 
 constexpr int kPatchSteps = 4; // coarse tessellation of each 3 x 3 patch
-// Occluder meshes gather faces from cells this wide. Small cells keep most
-// meshes under 545 vertices, which the library bakes unsimplified; its
-// simplifier, at its fixed level-of-detail targets, tears level geometry
-// apart (with 1024-unit cells on-screen culling fell from 0.95 to 0.36).
-constexpr float kCell = 256.0f;
+// The library takes 16-bit indices.
 constexpr size_t kMaxMeshVertices = 65535;
 constexpr float kEyeAboveOrigin = 26.0f; // a player's view height above its spawn origin
 constexpr float kItemHalfSize = 15.0f;   // items' bounding boxes
@@ -208,7 +204,7 @@ void makeSpawnPath(Scene& scene, const std::vector<Entity>& entities) {
 
 } // namespace
 
-bool loadLevel(Scene& scene, const std::string& nameOrPath, std::string& error) {
+bool loadLevel(Scene& scene, const std::string& nameOrPath, float cell, std::string& error) {
     std::vector<uint8_t> data;
     const bool isFile = nameOrPath.size() > 4 && nameOrPath.compare(nameOrPath.size() - 4, 4, ".bsp") == 0;
     if (isFile) {
@@ -248,7 +244,9 @@ bool loadLevel(Scene& scene, const std::string& nameOrPath, std::string& error) 
     scene.farPlane = 16384.0f;
     scene.fovY = 1.25f;
 
-    // Faces to pieces, grouped by the cell of their first vertex.
+    // Faces to pieces, grouped by the cell of their first vertex; without cells,
+    // one group in the level's own face order.
+    const bool useCells = cell > 0 && std::isfinite(cell);
     std::map<std::array<int, 3>, std::vector<Piece>> cells;
     auto vertexAt = [&](size_t v, float* q) {
         for (int c = 0; c < 3; ++c) q[c] = r.at<float>(r.base(kVertices) + 44 * v + 4 * size_t(c));
@@ -304,12 +302,12 @@ bool loadLevel(Scene& scene, const std::string& nameOrPath, std::string& error) 
                 }
         }
         if (piece.indices.empty()) continue;
-        const std::array<int, 3> key = {int(std::floor(piece.vertices[0] / kCell)),
-                                        int(std::floor(piece.vertices[1] / kCell)),
-                                        int(std::floor(piece.vertices[2] / kCell))};
+        const auto cellOf = [&](float v) { return useCells ? int(std::floor(v / cell)) : 0; };
+        const std::array<int, 3> key = {cellOf(piece.vertices[0]), cellOf(piece.vertices[1]),
+                                        cellOf(piece.vertices[2])};
         cells[key].push_back(std::move(piece));
     }
-    // Cells to meshes under the 16-bit index limit.
+    // Groups to meshes under the 16-bit index limit.
     for (auto& cell : cells) {
         Mesh mesh;
         for (const Piece& p : cell.second) {
