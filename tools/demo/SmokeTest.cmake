@@ -17,7 +17,7 @@
 # >>> The conservative mode's limit on severe false occlusions. The goal is 0;
 # it stays at the default mode's tolerance while the conservative rasteriser's
 # fixes land, and is then set to 0.
-set(CONSERVATIVE_SEVERE_LIMIT 2)
+set(CONSERVATIVE_SEVERE_LIMIT 0)
 # <<<
 set(DEFAULT_UNEXPLAINED_LIMIT 2)
 
