@@ -1,6 +1,7 @@
 #include "common/AsyncLoader.h"
 
 #include "common/Checked.h"
+#include "common/ErrorBoundedReducer.h"
 #include "common/Indices.h"
 #include "common/MeshReducer.h"
 #include "common/Occluder.h"
@@ -183,6 +184,16 @@ bool AsyncLoader::levelMesh(const OccluderRaw& record, unsigned lod, std::vector
     const OccluderGroup::LODParam param = OccluderGroup::getLODParam(lod);
     const float target = param.ratio * float(record.vertexCount);
     const uint32_t vertexCount = usableVertexCount(record);
+#if ZELK_CONSERVATIVE
+    // Conservative levels keep occluders whole: every level is reduced within
+    // an error bound that suits the screen size it is drawn at, open borders
+    // stay in place, and flat regions fold down to a few triangles. The number
+    // of levels follows the same rule as below.
+    const ErrorBoundedReducer::Target bounded = ErrorBoundedReducer::levelTarget(lod, record.indexCount / 3);
+    ErrorBoundedReducer::reduce(record.vertices, record.indices, vertexCount, record.indexCount, bounded, vertices,
+                                indices);
+    return target < kMinReducedVertices;
+#endif
     if (target < kMinReducedVertices) {
         vertices.resize(vertexCount);
         for (uint32_t v = 0; v < vertexCount; ++v) {
