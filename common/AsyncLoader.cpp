@@ -189,9 +189,7 @@ bool AsyncLoader::levelMesh(const OccluderRaw& record, unsigned lod, std::vector
     // an error bound that suits the screen size it is drawn at, open borders
     // stay in place, and flat regions fold down to a few triangles. The number
     // of levels follows the same rule as below.
-    const ErrorBoundedReducer::Target bounded = ErrorBoundedReducer::levelTarget(lod, record.indexCount / 3);
-    ErrorBoundedReducer::reduce(record.vertices, record.indices, vertexCount, record.indexCount, bounded, vertices,
-                                indices);
+    ErrorBoundedReducer::level(record.vertices, record.indices, vertexCount, record.indexCount, lod, vertices, indices);
     return target < kMinReducedVertices;
 #endif
     if (target < kMinReducedVertices) {

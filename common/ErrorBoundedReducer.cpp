@@ -65,6 +65,10 @@ constexpr uint32_t kNotQueued = UINT32_MAX;
 class Reduction {
 public:
     bool load(const float* vertices, const uint16_t* indices, uint32_t vertexCount, uint32_t indexCount);
+    // Prices every move up to maxError (collapses costing at most freeError
+    // are free), then collapses until the target stops it; later targets,
+    // each at most as many triangles and at most maxError, go on from there.
+    void start(double maxError, double freeError);
     void run(const ErrorBoundedReducer::Target& target);
     void write(const float* vertices, std::vector<float4>& outVertices, std::vector<uint32_t>& outIndices) const;
 
@@ -182,7 +186,7 @@ bool Reduction::load(const float* vertices, const uint16_t* indices, uint32_t ve
 
     // Errors are measured in the box of the finite vertices in use, so that
     // bounds are fractions of its diagonal.
-    position.resize(n);
+    position.assign(n, D3{0.0, 0.0, 0.0});
     D3 lo{INFINITY, INFINITY, INFINITY}, hi{-INFINITY, -INFINITY, -INFINITY};
     for (const Tri& t : tris)
         for (const uint32_t v : t.v) {
@@ -245,53 +249,57 @@ void Reduction::classify() {
         for (const uint32_t v : tris[t].v) quadric[v].addPlane(normal[t], -dot(normal[t], p0), 1.0);
     }
 
-    // Per neighbour w of v: edges v->w and w->v in the windings around v.
-    std::vector<uint32_t> slot(position.size(), 0), forward, backward, neighbour;
+    // Per neighbour w of v: edges v->w (and the triangle that winds it) and
+    // w->v in the windings around v. An open edge is wound one way only, so
+    // its constraint plane is added once, from the end it leaves.
+    struct Link {
+        uint32_t forward, backward, triangle;
+    };
+    std::vector<uint32_t> slot(position.size(), 0), neighbour;
+    std::vector<Link> links;
     for (uint32_t v = 0; v < position.size(); ++v) {
         if (count[v] == 0) continue;
         neighbour.clear();
-        forward.clear();
-        backward.clear();
+        links.clear();
         const uint32_t mark = nextStamp();
-        const auto note = [&](uint32_t w, bool isForward) {
+        const auto note = [&](uint32_t w) -> Link& {
             if (seen[w] != mark) {
                 seen[w] = mark;
                 slot[w] = uint32_t(neighbour.size());
                 neighbour.push_back(w);
-                forward.push_back(0);
-                backward.push_back(0);
+                links.push_back(Link{0, 0, 0});
             }
-            ++(isForward ? forward : backward)[slot[w]];
+            return links[slot[w]];
         };
         forTriangles(v, [&](uint32_t t) {
             const int c = tris[t].v[0] == v ? 0 : tris[t].v[1] == v ? 1 : 2;
-            note(tris[t].v[(c + 1) % 3], true);
-            note(tris[t].v[(c + 2) % 3], false);
+            Link& ahead = note(tris[t].v[(c + 1) % 3]);
+            ++ahead.forward;
+            ahead.triangle = t;
+            ++note(tris[t].v[(c + 2) % 3]).backward;
         });
         uint32_t open = 0;
         bool tangled = !isFinite(position[v]);
         for (size_t i = 0; i < neighbour.size(); ++i) {
-            if (forward[i] + backward[i] == 1)
-                ++open;
-            else if (forward[i] != 1 || backward[i] != 1)
-                tangled = true; // three or more triangles, or two wound against each other
-        }
-        kind[v] = tangled || (open != 0 && open != 2) ? kLocked : open == 2 ? kBorder : kInterior;
-    }
-
-    // Boundary constraint planes, from the triangle on each open edge.
-    for (uint32_t t = 0; t < tris.size(); ++t) {
-        if (dot(normal[t], normal[t]) == 0.0) continue;
-        for (int j = 0; j < 3; ++j) {
-            const uint32_t a = tris[t].v[j], b = tris[t].v[(j + 1) % 3];
-            if (trianglesOnEdge(a, b) != 1) continue;
-            const D3 m = cross(position[b] - position[a], normal[t]);
+            const Link& link = links[i];
+            if (link.forward + link.backward != 1) {
+                tangled = tangled || link.forward != 1 || link.backward != 1; // three or more, or wound against
+                continue;
+            }
+            ++open;
+            if (link.forward == 0) continue;
+            // Boundary constraint plane: through the open edge, perpendicular
+            // to its triangle.
+            const D3 n = normal[link.triangle];
+            const uint32_t w = neighbour[i];
+            const D3 m = cross(position[w] - position[v], n);
             const double length = std::sqrt(dot(m, m));
             if (!(length > 0.0) || !std::isfinite(length)) continue;
             const D3 unit{m.x / length, m.y / length, m.z / length};
-            quadric[a].addPlane(unit, -dot(unit, position[a]), kBorderWeight);
-            quadric[b].addPlane(unit, -dot(unit, position[a]), kBorderWeight);
+            quadric[v].addPlane(unit, -dot(unit, position[v]), kBorderWeight);
+            quadric[w].addPlane(unit, -dot(unit, position[v]), kBorderWeight);
         }
+        kind[v] = tangled || (open != 0 && open != 2) ? kLocked : open == 2 ? kBorder : kInterior;
     }
 }
 
@@ -349,23 +357,33 @@ void Reduction::dequeue(uint32_t v) {
 }
 
 void Reduction::update(uint32_t v, bool allowedOnly) {
-    moves.clear();
-    forNeighbours(v, [&](uint32_t w) {
-        const double r = rank(v, w);
-        if (r != INFINITY) moves.emplace_back(r, w);
-    });
-    std::sort(moves.begin(), moves.end());
     bestRank[v] = INFINITY;
     bestTo[v] = kNotQueued;
     refused[v] = 0;
-    for (const auto& move : moves) {
-        if (allowedOnly && !allowed(v, move.second)) {
-            refused[v] = 1; // the cheaper moves may be allowed once something around changes
-            continue;
+    if (allowedOnly) {
+        moves.clear();
+        forNeighbours(v, [&](uint32_t w) {
+            const double r = rank(v, w);
+            if (r != INFINITY) moves.emplace_back(r, w);
+        });
+        std::sort(moves.begin(), moves.end());
+        for (const auto& move : moves) {
+            if (!allowed(v, move.second)) {
+                refused[v] = 1; // the cheaper moves may be allowed once something around changes
+                continue;
+            }
+            bestRank[v] = move.first;
+            bestTo[v] = move.second;
+            break;
         }
-        bestRank[v] = move.first;
-        bestTo[v] = move.second;
-        break;
+    } else {
+        forNeighbours(v, [&](uint32_t w) {
+            const double r = rank(v, w);
+            if (r < bestRank[v] || (r == bestRank[v] && r != INFINITY && w < bestTo[v])) {
+                bestRank[v] = r;
+                bestTo[v] = w;
+            }
+        });
     }
     if (bestRank[v] == INFINITY) {
         dequeue(v);
@@ -484,15 +502,19 @@ void Reduction::collapse(uint32_t from, uint32_t to) {
     }
 }
 
-void Reduction::run(const ErrorBoundedReducer::Target& target) {
-    maxError = target.maxError;
-    freeError = std::min(target.freeError, target.maxError);
+void Reduction::start(double bound, double free) {
+    maxError = bound;
+    freeError = std::min(free, bound);
     heap.clear();
     for (uint32_t v = 0; v < position.size(); ++v)
         if (count[v] != 0) update(v, false);
+}
+
+void Reduction::run(const ErrorBoundedReducer::Target& target) {
+    const double limit = kPricedRank + target.maxError;
     while (!heap.empty()) {
         const uint32_t from = heap.front();
-        if (live <= target.triangles && bestRank[from] >= kPricedRank) break;
+        if (bestRank[from] >= kPricedRank && (live <= target.triangles || bestRank[from] > limit)) break;
         const uint32_t to = bestTo[from];
         if (allowed(from, to))
             collapse(from, to);
@@ -534,16 +556,80 @@ ErrorBoundedReducer::Target ErrorBoundedReducer::levelTarget(unsigned lod, uint3
     return Target{uint32_t(kKeep[level] * double(triangleCount)), kMaxError[level], kFreeError};
 }
 
+namespace {
+
+// Working storage of this thread, kept from call to call for its capacity.
+Reduction& workspace() {
+    static thread_local Reduction reduction;
+    return reduction;
+}
+
+bool usable(const float* vertices, const uint16_t* indices, uint32_t vertexCount, uint32_t indexCount) {
+    return vertices && indices && vertexCount != 0 && indexCount >= 3;
+}
+
+// The levels of the last mesh this thread asked for, with a copy of the mesh
+// to recognise it by.
+struct LevelMemo {
+    std::vector<float> vertices;
+    std::vector<uint16_t> indices;
+    std::vector<float4> levelVertices[3];
+    std::vector<uint32_t> levelIndices[3];
+    bool valid = false;
+
+    bool holds(const float* v, const uint16_t* i, uint32_t vertexFloats, uint32_t indexCount) const {
+        return valid && vertices.size() == vertexFloats && indices.size() == indexCount &&
+               std::memcmp(vertices.data(), v, sizeof(float) * vertexFloats) == 0 &&
+               std::memcmp(indices.data(), i, sizeof(uint16_t) * indexCount) == 0;
+    }
+};
+
+} // namespace
+
 void ErrorBoundedReducer::reduce(const float* vertices, const uint16_t* indices, uint32_t vertexCount,
                                  uint32_t indexCount, const Target& target, std::vector<float4>& outVertices,
                                  std::vector<uint32_t>& outIndices) {
+    reduceLevels(vertices, indices, vertexCount, indexCount, &target, 1, &outVertices, &outIndices);
+}
+
+void ErrorBoundedReducer::reduceLevels(const float* vertices, const uint16_t* indices, uint32_t vertexCount,
+                                       uint32_t indexCount, const Target* targets, size_t count,
+                                       std::vector<float4>* outVertices, std::vector<uint32_t>* outIndices) {
+    for (size_t k = 0; k < count; ++k) {
+        outVertices[k].clear();
+        outIndices[k].clear();
+    }
+    if (count == 0 || !usable(vertices, indices, vertexCount, indexCount)) return;
+    Reduction& reduction = workspace();
+    if (!reduction.load(vertices, indices, vertexCount, indexCount)) return;
+    double bound = targets[0].maxError;
+    for (size_t k = 1; k < count; ++k) bound = std::max(bound, targets[k].maxError);
+    reduction.start(bound, targets[0].freeError);
+    for (size_t k = 0; k < count; ++k) {
+        reduction.run(targets[k]);
+        reduction.write(vertices, outVertices[k], outIndices[k]);
+    }
+}
+
+void ErrorBoundedReducer::level(const float* vertices, const uint16_t* indices, uint32_t vertexCount,
+                                uint32_t indexCount, unsigned lod, std::vector<float4>& outVertices,
+                                std::vector<uint32_t>& outIndices) {
     outVertices.clear();
     outIndices.clear();
-    if (!vertices || !indices || vertexCount == 0 || indexCount < 3) return;
-    Reduction reduction;
-    if (!reduction.load(vertices, indices, vertexCount, indexCount)) return;
-    reduction.run(target);
-    reduction.write(vertices, outVertices, outIndices);
+    if (lod > 2 || !usable(vertices, indices, vertexCount, indexCount)) return;
+    static thread_local LevelMemo memo;
+    const uint32_t vertexFloats = 3 * std::min(vertexCount, kMaxVertices);
+    if (!memo.holds(vertices, indices, vertexFloats, indexCount)) {
+        memo.valid = false;
+        memo.vertices.assign(vertices, vertices + vertexFloats);
+        memo.indices.assign(indices, indices + indexCount);
+        const Target targets[3] = {levelTarget(0, indexCount / 3), levelTarget(1, indexCount / 3),
+                                   levelTarget(2, indexCount / 3)};
+        reduceLevels(vertices, indices, vertexCount, indexCount, targets, 3, memo.levelVertices, memo.levelIndices);
+        memo.valid = true;
+    }
+    outVertices = memo.levelVertices[lod];
+    outIndices = memo.levelIndices[lod];
 }
 
 } // namespace common

@@ -39,6 +39,20 @@ public:
     // taking the box's diagonal as the diagonal of its screen rectangle).
     static Target levelTarget(unsigned lod, uint32_t triangleCount);
 
+    // Level lod (0 to 2) of the conservative build, with the targets of
+    // levelTarget: all three levels come from one reduceLevels run, kept for
+    // the next call on the same mesh (the same contents) from this thread, so
+    // that the levels of one bake cost one run.
+    static void level(const float* vertices, const uint16_t* indices, uint32_t vertexCount, uint32_t indexCount,
+                      unsigned lod, std::vector<float4>& outVertices, std::vector<uint32_t>& outIndices);
+
+    // Several targets, each at most as many triangles and at most the error
+    // bound of the one before: one reduction that stops at each in turn, so
+    // that level k goes on from level k - 1. count outputs of each kind.
+    static void reduceLevels(const float* vertices, const uint16_t* indices, uint32_t vertexCount, uint32_t indexCount,
+                             const Target* targets, size_t count, std::vector<float4>* outVertices,
+                             std::vector<uint32_t>* outIndices);
+
     // vertices: vertexCount xyz triples; indices: indexCount 16-bit indices,
     // three per triangle (a trailing partial triangle is ignored). On return
     // outVertices holds the used vertices, as given, with w = 1, and
@@ -46,7 +60,8 @@ public:
     // Triangles that name one position twice are dropped. Both outputs are
     // empty when an array is null, a count is zero, or an index is not below
     // vertexCount. Non-finite vertices stay where they are, with their
-    // triangles. Re-entrant: all working storage is local to the call.
+    // triangles. Thread-safe: each thread has its own working storage, kept
+    // for its capacity.
     static void reduce(const float* vertices, const uint16_t* indices, uint32_t vertexCount, uint32_t indexCount,
                        const Target& target, std::vector<float4>& outVertices, std::vector<uint32_t>& outIndices);
 };
