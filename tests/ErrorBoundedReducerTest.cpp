@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <map>
 #include <random>
 #include <set>
 #include <vector>
@@ -227,6 +228,36 @@ TEST(ErrorBoundedReducer, ClosedShapesStayClosed) {
     for (int c = 0; c < 8; ++c) corners.insert({float(c & 1), float(c >> 1 & 1), float(c >> 2 & 1)});
     EXPECT_EQ(corners, positions(r));
     EXPECT_EQ(6.0, area(r));
+
+    // A sphere and a torus reduced coarsely keep their topology: every edge
+    // wound once each way by two triangles, V - E + F = 2 and 0.
+    Mesh torus;
+    constexpr int kAround = 24, kTube = 8;
+    for (int i = 0; i < kAround; ++i)
+        for (int j = 0; j < kTube; ++j) {
+            const double u = 2 * M_PI * i / kAround, v = 2 * M_PI * j / kTube, r = 1.0 + 0.3 * std::cos(v);
+            torus.vertices.insert(torus.vertices.end(),
+                                  {float(r * std::cos(u)), float(r * std::sin(u)), float(0.3 * std::sin(v))});
+        }
+    for (int i = 0; i < kAround; ++i)
+        for (int j = 0; j < kTube; ++j) {
+            const auto at = [](int a, int b) { return uint16_t((a % kAround) * kTube + b % kTube); };
+            torus.indices.insert(torus.indices.end(),
+                                 {at(i, j), at(i + 1, j), at(i + 1, j + 1), at(i, j), at(i + 1, j + 1), at(i, j + 1)});
+        }
+    for (const double bound : {0.05, 0.2, 1.0})
+        for (const bool ring : {false, true}) {
+            r = reduce(ring ? torus : testing_support::makeCubeSphere(12, 1.0f, 0.0f), {1, bound, 1e-5});
+            std::map<std::pair<uint32_t, uint32_t>, int> directed;
+            for (size_t t = 0; t < r.indices.size(); t += 3)
+                for (size_t k = 0; k < 3; ++k) ++directed[{r.indices[t + k], r.indices[t + (k + 1) % 3]}];
+            for (const auto& edge : directed) {
+                EXPECT_EQ(1, edge.second) << bound;
+                EXPECT_EQ(1u, directed.count({edge.first.second, edge.first.first})) << bound;
+            }
+            EXPECT_EQ(ring ? 0 : 2, int(r.vertices.size()) - int(directed.size() / 2) + int(r.triangles())) << bound;
+            EXPECT_GE(r.triangles(), 4u) << bound;
+        }
 }
 
 TEST(ErrorBoundedReducer, ErrorBoundHolds) {
