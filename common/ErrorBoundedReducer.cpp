@@ -143,6 +143,12 @@ private:
     std::vector<uint32_t> heap, heapIndex;          // vertices by best move; per vertex its place or kNotQueued
     std::vector<std::pair<double, uint32_t>> moves; // scratch: rank and target
     std::vector<uint32_t> fromRing, toRing;         // scratch
+    struct WeldKey {
+        uint64_t xy; // position bits, -0 as +0
+        uint32_t z, vertex;
+    };
+    std::vector<WeldKey> keys;  // scratch
+    std::vector<uint32_t> weld; // per input vertex: the first with its position
     size_t live = 0;
     double maxError = 0.0;
     double freeError = 0.0;
@@ -156,24 +162,22 @@ bool Reduction::load(const float* vertices, const uint16_t* indices, uint32_t ve
 
     // Weld equal positions (-0 and +0 alike) onto the first vertex that has
     // them: a seam of split vertices would otherwise be an open border.
-    std::vector<uint32_t> order(n), weld(n);
-    const auto key = [&](uint32_t v, int axis) {
+    const auto bitsOf = [&](uint32_t v, int axis) {
         const float f = vertices[3 * size_t(v) + size_t(axis)] + 0.0f;
         uint32_t bits;
         std::memcpy(&bits, &f, sizeof bits);
         return bits;
     };
-    for (uint32_t v = 0; v < n; ++v) order[v] = v;
-    std::sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) {
-        for (int axis = 0; axis < 3; ++axis)
-            if (key(a, axis) != key(b, axis)) return key(a, axis) < key(b, axis);
-        return a < b;
+    keys.resize(n);
+    weld.resize(n);
+    for (uint32_t v = 0; v < n; ++v) keys[v] = WeldKey{uint64_t(bitsOf(v, 0)) << 32 | bitsOf(v, 1), bitsOf(v, 2), v};
+    std::sort(keys.begin(), keys.end(), [](const WeldKey& a, const WeldKey& b) {
+        if (a.xy != b.xy) return a.xy < b.xy;
+        return a.z != b.z ? a.z < b.z : a.vertex < b.vertex;
     });
-    for (size_t i = 0; i < order.size(); ++i) {
-        const uint32_t v = order[i];
-        const bool same = i > 0 && key(v, 0) == key(order[i - 1], 0) && key(v, 1) == key(order[i - 1], 1) &&
-                          key(v, 2) == key(order[i - 1], 2);
-        weld[v] = same ? weld[order[i - 1]] : v;
+    for (size_t i = 0; i < keys.size(); ++i) {
+        const bool same = i > 0 && keys[i].xy == keys[i - 1].xy && keys[i].z == keys[i - 1].z;
+        weld[keys[i].vertex] = same ? weld[keys[i - 1].vertex] : keys[i].vertex;
     }
 
     tris.clear();
