@@ -14,6 +14,9 @@ namespace {
 // border moved sideways by d costs sqrt(kBorderWeight) d, so an open border
 // keeps to its line ten times more tightly than the surface to its planes.
 constexpr double kBorderWeight = 100.0;
+// Two triangles on an edge whose normals are further apart than about 154
+// degrees make a fold, kept like an open border.
+constexpr double kFoldCosine = -0.9;
 // A collapse may turn no remaining triangle's normal by more than about 75
 // degrees (beyond that a sliver is on its way to folding over).
 constexpr double kMinNormalCosine = 0.25;
@@ -104,10 +107,26 @@ private:
         }
         return stamp;
     }
-    uint32_t trianglesOnEdge(uint32_t a, uint32_t b) const {
-        uint32_t n = 0;
-        forTriangles(a, [&](uint32_t t) { n += contains(t, b); });
-        return n;
+    // Whether two triangles face (nearly) opposite ways: a fold that their
+    // planes cannot show, as on the rim of a flat closed shell.
+    bool folded(uint32_t t, uint32_t s) const {
+        const D3 a = normalOf(t), b = normalOf(s);
+        return dot(a, b) < kFoldCosine * std::sqrt(dot(a, a)) * std::sqrt(dot(b, b));
+    }
+    D3 normalOf(uint32_t t) const {
+        const D3 p0 = position[tris[t].v[0]];
+        return cross(position[tris[t].v[1]] - p0, position[tris[t].v[2]] - p0);
+    }
+    // An edge with one triangle, or a fold: borders slide only along these.
+    bool openEdge(uint32_t a, uint32_t b, uint32_t& onEdge) const {
+        uint32_t on[2] = {0, 0};
+        onEdge = 0;
+        forTriangles(a, [&](uint32_t t) {
+            if (!contains(t, b)) return;
+            if (onEdge < 2) on[onEdge] = t;
+            ++onEdge;
+        });
+        return onEdge == 1 || (onEdge == 2 && folded(on[0], on[1]));
     }
 
     void classify();
@@ -257,7 +276,7 @@ void Reduction::classify() {
     // w->v in the windings around v. An open edge is wound one way only, so
     // its constraint plane is added once, from the end it leaves.
     struct Link {
-        uint32_t forward, backward, triangle;
+        uint32_t forward, backward, ahead, behind; // the triangles winding v->w and w->v
     };
     std::vector<uint32_t> slot(position.size(), 0), neighbour;
     std::vector<Link> links;
@@ -271,7 +290,7 @@ void Reduction::classify() {
                 seen[w] = mark;
                 slot[w] = uint32_t(neighbour.size());
                 neighbour.push_back(w);
-                links.push_back(Link{0, 0, 0});
+                links.push_back(Link{0, 0, 0, 0});
             }
             return links[slot[w]];
         };
@@ -279,23 +298,27 @@ void Reduction::classify() {
             const int c = tris[t].v[0] == v ? 0 : tris[t].v[1] == v ? 1 : 2;
             Link& ahead = note(tris[t].v[(c + 1) % 3]);
             ++ahead.forward;
-            ahead.triangle = t;
-            ++note(tris[t].v[(c + 2) % 3]).backward;
+            ahead.ahead = t;
+            Link& behind = note(tris[t].v[(c + 2) % 3]);
+            ++behind.backward;
+            behind.behind = t;
         });
         uint32_t open = 0;
         bool tangled = !isFinite(position[v]);
         for (size_t i = 0; i < neighbour.size(); ++i) {
             const Link& link = links[i];
-            if (link.forward + link.backward != 1) {
-                tangled = tangled || link.forward != 1 || link.backward != 1; // three or more, or wound against
+            const uint32_t w = neighbour[i];
+            const bool manifold = link.forward == 1 && link.backward == 1;
+            if (link.forward + link.backward != 1 && !manifold) {
+                tangled = true; // three or more triangles, or two wound against each other
                 continue;
             }
+            if (manifold && !folded(link.ahead, link.behind)) continue;
             ++open;
-            if (link.forward == 0) continue;
-            // Boundary constraint plane: through the open edge, perpendicular
-            // to its triangle.
-            const D3 n = normal[link.triangle];
-            const uint32_t w = neighbour[i];
+            // Boundary constraint plane: through the open edge (or fold),
+            // perpendicular to the triangle that leaves v along it; once.
+            if (link.forward == 0 || (manifold && w < v)) continue;
+            const D3 n = normal[link.ahead];
             const D3 m = cross(position[w] - position[v], n);
             const double length = std::sqrt(dot(m, m));
             if (!(length > 0.0) || !std::isfinite(length)) continue;
@@ -312,7 +335,8 @@ void Reduction::classify() {
 double Reduction::cost(uint32_t from, uint32_t to) const {
     if (kind[from] == kLocked || kind[from] == kGone || kind[to] == kGone) return INFINITY;
     if (!isFinite(position[to])) return INFINITY;
-    if (kind[from] == kBorder && trianglesOnEdge(from, to) != 1) return INFINITY; // slide along the border only
+    uint32_t onEdge = 0;
+    if (kind[from] == kBorder && !openEdge(from, to, onEdge)) return INFINITY; // slide along the border only
     const double e = quadric[from].at(quadric[to], position[to]);
     if (!(e == e)) return INFINITY;
     return std::sqrt(std::max(e, 0.0));
@@ -404,8 +428,9 @@ void Reduction::update(uint32_t v, bool allowedOnly) {
 // edge, and no triangle would be doubled) and geometry (no remaining triangle
 // of `from` turns over or degenerates).
 bool Reduction::allowed(uint32_t from, uint32_t to) {
-    const uint32_t onEdge = trianglesOnEdge(from, to);
-    if (onEdge != (kind[from] == kBorder ? 1u : 2u)) return false;
+    uint32_t onEdge = 0;
+    const bool open = openEdge(from, to, onEdge);
+    if (kind[from] == kBorder ? !open : onEdge != 2) return false;
 
     fromRing.clear();
     toRing.clear();
