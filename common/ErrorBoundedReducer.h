@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -14,7 +15,8 @@ namespace common {
 //    it replaces (the square root of the summed, unweighted quadrics bounds
 //    the largest of those distances),
 //  - move an open border off its own line (boundary constraint planes, heavily
-//    weighted, and a border vertex only ever slides along a border edge),
+//    weighted, and a border vertex only ever slides along a border edge; a
+//    fold, two faces turned nearly back to back, counts as a border),
 //  - fold a triangle over, or change the mesh's topology (link condition).
 // Positions are welded first, so that seams of split vertices close.
 //
@@ -46,9 +48,10 @@ public:
     static void level(const float* vertices, const uint16_t* indices, uint32_t vertexCount, uint32_t indexCount,
                       unsigned lod, std::vector<float4>& outVertices, std::vector<uint32_t>& outIndices);
 
-    // Several targets, each at most as many triangles and at most the error
-    // bound of the one before: one reduction that stops at each in turn, so
-    // that level k goes on from level k - 1. count outputs of each kind.
+    // Several targets, each with at most as many triangles and at least the
+    // error bound of the one before: one reduction that stops at each in
+    // turn, so that level k goes on from level k - 1. count outputs of each
+    // kind; the free error of the first target holds for all.
     static void reduceLevels(const float* vertices, const uint16_t* indices, uint32_t vertexCount, uint32_t indexCount,
                              const Target* targets, size_t count, std::vector<float4>* outVertices,
                              std::vector<uint32_t>* outIndices);
