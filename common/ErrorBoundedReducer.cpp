@@ -432,6 +432,27 @@ bool Reduction::allowed(uint32_t from, uint32_t to) {
     const bool open = openEdge(from, to, onEdge);
     if (kind[from] == kBorder ? !open : onEdge != 2) return false;
 
+    // Geometry first: it refuses most often, and costs least.
+    bool ok = true;
+    const D3 target = position[to];
+    forTriangles(from, [&](uint32_t t) {
+        if (!ok || contains(t, to)) return;
+        const D3 p[3] = {position[tris[t].v[0]], position[tris[t].v[1]], position[tris[t].v[2]]};
+        D3 q[3] = {p[0], p[1], p[2]};
+        for (int k = 0; k < 3; ++k)
+            if (tris[t].v[k] == from) q[k] = target;
+        const D3 before = cross(p[1] - p[0], p[2] - p[0]);
+        const D3 after = cross(q[1] - q[0], q[2] - q[0]);
+        const double b2 = dot(before, before), a2 = dot(after, after);
+        if (b2 == 0.0) {
+            ok = a2 == 0.0; // a sliver stays one rather than open up somewhere new
+            return;
+        }
+        // NaN fails too.
+        ok = dot(before, after) > kMinNormalCosine * std::sqrt(b2) * std::sqrt(a2);
+    });
+    if (!ok) return false;
+
     fromRing.clear();
     toRing.clear();
     forNeighbours(from, [&](uint32_t w) { fromRing.push_back(w); });
@@ -462,25 +483,7 @@ bool Reduction::allowed(uint32_t from, uint32_t to) {
         if (found == 2 && holdsBoth(from, to) && holdsBoth(to, from)) return false;
     }
 
-    bool ok = true;
-    const D3 target = position[to];
-    forTriangles(from, [&](uint32_t t) {
-        if (!ok || contains(t, to)) return;
-        const D3 p[3] = {position[tris[t].v[0]], position[tris[t].v[1]], position[tris[t].v[2]]};
-        D3 q[3] = {p[0], p[1], p[2]};
-        for (int k = 0; k < 3; ++k)
-            if (tris[t].v[k] == from) q[k] = target;
-        const D3 before = cross(p[1] - p[0], p[2] - p[0]);
-        const D3 after = cross(q[1] - q[0], q[2] - q[0]);
-        const double b2 = dot(before, before), a2 = dot(after, after);
-        if (b2 == 0.0) {
-            ok = a2 == 0.0; // a sliver stays one rather than open up somewhere new
-            return;
-        }
-        // NaN fails too.
-        ok = dot(before, after) > kMinNormalCosine * std::sqrt(b2) * std::sqrt(a2);
-    });
-    return ok;
+    return true;
 }
 
 void Reduction::collapse(uint32_t from, uint32_t to) {
@@ -505,20 +508,31 @@ void Reduction::collapse(uint32_t from, uint32_t to) {
     kind[from] = kGone;
 
     // Every move of `to` and every move onto it has a new price. A neighbour
-    // whose best move went to either end, or that had none left (refused
-    // moves may now be allowed), looks at all of its moves again; any other
-    // only compares its best with the move onto `to`.
+    // whose best move went to `from`, whose best move onto `to` got dearer,
+    // or that refused a cheaper move (it may be allowed now) looks at all of
+    // its moves again; any other only compares its best with the move onto
+    // `to`.
     dequeue(from);
     std::vector<uint32_t>& around = toRing;
     around.clear();
     forNeighbours(to, [&](uint32_t w) { around.push_back(w); });
     update(to, false);
     for (const uint32_t w : around) {
-        if (refused[w] || bestTo[w] == to || bestTo[w] == from) {
+        if (refused[w] || bestTo[w] == from) {
             update(w, false);
             continue;
         }
         const double r = rank(w, to);
+        if (bestTo[w] == to) {
+            // Still the best unless it got dearer (free ones keep their rank).
+            if (r <= bestRank[w]) {
+                bestRank[w] = r;
+                siftUp(heapIndex[w]);
+            } else {
+                update(w, false);
+            }
+            continue;
+        }
         if (r != INFINITY && (r < bestRank[w] || (r == bestRank[w] && to < bestTo[w]))) {
             bestRank[w] = r;
             bestTo[w] = to;
