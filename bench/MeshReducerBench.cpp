@@ -1,5 +1,8 @@
 // Reduction to the loader's three level-of-detail targets on real meshes,
-// beside meshoptimizer's simplifier driven to the same triangle counts. Both
+// beside meshoptimizer's simplifier driven to the same triangle counts, and
+// the conservative build's error-bounded simplifier at its own level targets
+// (per level, and all levels of a mesh as the loader makes them, beside the
+// default reducer's). Both
 // report the triangles they reach and two distances over the input's
 // bounding-box diagonal: maxDist, the largest from an output vertex to the
 // input surface (0 for a simplifier that keeps input vertices), and maxBack,
@@ -12,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "common/ErrorBoundedReducer.h"
 #include "common/MeshReducer.h"
 #include "support/MeshLoader.h"
 
@@ -155,6 +159,70 @@ void reduceBench(benchmark::State& state, size_t meshIndex, float ratio) {
     state.SetItemsProcessed(int64_t(state.iterations()) * int64_t(m.indexCount() / 3));
 }
 
+void reportOutput(benchmark::State& state, const testing_support::Mesh& m, const std::vector<common::float4>& vertices,
+                  const std::vector<uint32_t>& indices) {
+    testing_support::Mesh reduced;
+    for (const common::float4& v : vertices)
+        reduced.vertices.insert(reduced.vertices.end(), {common::lane<0>(v), common::lane<1>(v), common::lane<2>(v)});
+    reduced.indices.assign(indices.begin(), indices.end());
+    state.counters["maxDist"] = maxDistance(m, pointsOf(reduced), diagonalOf(m));
+    state.counters["maxBack"] = maxDistance(reduced, pointsOf(m), diagonalOf(m));
+    state.counters["inTris"] = double(m.indexCount() / 3);
+    state.counters["outTris"] = double(indices.size() / 3);
+    state.SetItemsProcessed(int64_t(state.iterations()) * int64_t(m.indexCount() / 3));
+}
+
+void boundedBench(benchmark::State& state, size_t meshIndex, unsigned lod) {
+    const testing_support::Mesh& m = meshes()[meshIndex].mesh;
+    const common::ErrorBoundedReducer::Target target =
+        common::ErrorBoundedReducer::levelTarget(lod, m.indexCount() / 3);
+    std::vector<common::float4> vertices;
+    std::vector<uint32_t> indices;
+    for (auto _ : state) {
+        common::ErrorBoundedReducer::reduce(m.vertices.data(), m.indices.data(), m.vertexCount(), m.indexCount(),
+                                            target, vertices, indices);
+        benchmark::DoNotOptimize(indices.data());
+    }
+    if (indices.empty()) state.SkipWithError("no output");
+    reportOutput(state, m, vertices, indices);
+    state.counters["target"] = double(target.triangles);
+}
+
+// Every level of one mesh, as the loader makes them: the documented reducer's
+// levels stop at the first target under 300 (that level is the mesh itself,
+// not timed here); the conservative build makes all three in one run.
+void levelsBench(benchmark::State& state, size_t meshIndex, bool bounded) {
+    const testing_support::Mesh& m = meshes()[meshIndex].mesh;
+    std::vector<common::float4> vertices, levelVertices[3];
+    std::vector<uint32_t> indices, levelIndices[3];
+    common::ErrorBoundedReducer::Target targets[3];
+    for (unsigned lod = 0; lod < 3; ++lod)
+        targets[lod] = common::ErrorBoundedReducer::levelTarget(lod, m.indexCount() / 3);
+    size_t total = 0;
+    for (auto _ : state) {
+        total = 0;
+        if (bounded) // all levels in one run
+            common::ErrorBoundedReducer::reduceLevels(m.vertices.data(), m.indices.data(), m.vertexCount(),
+                                                      m.indexCount(), targets, 3, levelVertices, levelIndices);
+        for (unsigned lod = 0; lod < 3; ++lod) {
+            const float target = kRatios[lod] * float(m.vertexCount());
+            if (bounded) {
+                total += levelIndices[lod].size() / 3;
+            } else if (target >= 300.0f) {
+                vertices.clear();
+                indices.clear();
+                common::MeshReducer::reduce(m.vertices.data(), m.indices.data(), m.vertexCount(), m.indexCount(),
+                                            vertices, indices, uint32_t(target), 35.0f, true);
+                total += indices.size() / 3;
+            }
+            if (target < 300.0f) break;
+        }
+        benchmark::DoNotOptimize(total);
+    }
+    state.counters["inTris"] = double(m.indexCount() / 3);
+    state.counters["levelTris"] = double(total);
+}
+
 #if defined(ZELK_BENCH_HAVE_MESHOPT)
 void meshoptBench(benchmark::State& state, size_t meshIndex, float ratio) {
     const testing_support::Mesh& m = meshes()[meshIndex].mesh;
@@ -188,6 +256,15 @@ int registerAll() {
     for (size_t i = 0; i < meshes().size(); ++i) {
         const testing_support::Mesh& m = meshes()[i].mesh;
         if (m.vertexCount() >= 65536) continue;
+        const std::string name = "/" + meshes()[i].name;
+        benchmark::RegisterBenchmark(("BM_MeshReducer_levels" + name).c_str(), levelsBench, i, false)
+            ->Unit(benchmark::kMillisecond);
+        benchmark::RegisterBenchmark(("BM_ErrorBoundedReducer_levels" + name).c_str(), levelsBench, i, true)
+            ->Unit(benchmark::kMillisecond);
+        for (unsigned lod = 0; lod < 3; ++lod)
+            benchmark::RegisterBenchmark(("BM_ErrorBoundedReducer_reduce" + name + "/" + std::to_string(lod)).c_str(),
+                                         boundedBench, i, lod)
+                ->Unit(benchmark::kMillisecond);
         for (const float ratio : kRatios) {
             if (ratio * float(m.vertexCount()) < 300.0f) continue; // the loader does not reduce these
             const std::string suffix = "/" + meshes()[i].name + "/" + std::to_string(int(ratio * 100 + 0.5f));

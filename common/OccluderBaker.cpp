@@ -1,5 +1,6 @@
 #include "common/OccluderBaker.h"
 
+#include "common/ErrorBoundedReducer.h"
 #include "common/MeshReducer.h"
 #include "common/QuadDecomposition.h"
 
@@ -36,6 +37,15 @@ bool OccluderBaker::levelMesh(const MeshRef& mesh, unsigned lod, std::vector<flo
     const OccluderGroup::LODParam param = OccluderGroup::getLODParam(lod);
     const float target = param.ratio * float(mesh.vertexCount);
     const uint32_t vertexCount = mesh.usableVertexCount();
+#if ZELK_CONSERVATIVE
+    // Conservative levels keep occluders whole: every level is reduced within
+    // an error bound that suits the screen size it is drawn at, open borders
+    // stay in place, and flat regions fold down to a few triangles. The number
+    // of levels follows the same rule as below.
+    ErrorBoundedReducer::level(mesh.vertices, mesh.indices, vertexCount, mesh.usableIndexCount(), lod, vertices,
+                               indices);
+    return target < kMinReducedVertices;
+#endif
     if (target < kMinReducedVertices) {
         vertices.resize(vertexCount);
         for (uint32_t v = 0; v < vertexCount; ++v) {

@@ -168,7 +168,13 @@ TEST(AsyncLoader, LevelsFollowTheVertexCount) {
         for (unsigned lod = 0; lod < c.targets.size(); ++lod) {
             const uint32_t target = c.targets[lod];
             EXPECT_EQ(target == 0, common::OccluderBaker::levelMesh(record(m), lod, vertices, indices)) << lod;
-            if (target == 0) {
+            if (ZELK_CONSERVATIVE) {
+                // The same levels, each reduced within its error bound.
+                EXPECT_LT(indices.size(), m.indices.size()) << lod;
+                if (lod > 0) {
+                    EXPECT_LE(baked[lod]->packedVertices.size(), baked[lod - 1]->packedVertices.size());
+                }
+            } else if (target == 0) {
                 ASSERT_EQ(m.vertexCount(), vertices.size());
                 EXPECT_EQ(std::vector<uint32_t>(m.indices.begin(), m.indices.end()), indices);
                 EXPECT_EQ(bump(3, 1), common::lane<2>(vertices[c.w + 3])); // vertex (3, 1), as given
@@ -192,6 +198,72 @@ TEST(AsyncLoader, LevelsFollowTheVertexCount) {
             }
         }
     }
+}
+
+// A tilted open grid through the loader's own level function: 64 x 32 cells
+// of 0.25 at z = -10 - (y + 4) / 4, counter-clockwise from +z. The share of
+// its outline, [-8, 8] x [-4, 4] seen along z, that each level still covers,
+// sampled at 64 x 64 points per unit square.
+TEST(AsyncLoader, TiltedOpenGridKeepsItsArea) {
+    Mesh m;
+    for (int j = 0; j <= 32; ++j)
+        for (int i = 0; i <= 64; ++i) {
+            const float x = -8.0f + 0.25f * float(i), y = -4.0f + 0.25f * float(j);
+            m.vertices.insert(m.vertices.end(), {x, y, -10.0f - 0.25f * (y + 4.0f)});
+        }
+    for (int j = 0; j < 32; ++j)
+        for (int i = 0; i < 64; ++i) {
+            const auto a = uint16_t(j * 65 + i), b = uint16_t(a + 1), c = uint16_t(a + 65), d = uint16_t(c + 1);
+            m.indices.insert(m.indices.end(), {a, b, d, a, d, c});
+        }
+    constexpr int kPerUnit = 64, kWidth = 16 * kPerUnit, kHeight = 8 * kPerUnit;
+    const auto kept = [&](const std::vector<common::float4>& vertices, const std::vector<uint32_t>& indices) {
+        std::vector<uint8_t> covered(size_t(kWidth) * kHeight, 0);
+        for (size_t t = 0; t + 2 < indices.size(); t += 3) {
+            double x[3], y[3]; // in samples; sample (i, j) at (i + 0.5, j + 0.5)
+            for (int k = 0; k < 3; ++k) {
+                x[k] = (double(common::lane<0>(vertices[indices[t + size_t(k)]])) + 8.0) * kPerUnit;
+                y[k] = (double(common::lane<1>(vertices[indices[t + size_t(k)]])) + 4.0) * kPerUnit;
+            }
+            const double area = (x[1] - x[0]) * (y[2] - y[0]) - (x[2] - x[0]) * (y[1] - y[0]);
+            if (area == 0) continue;
+            const int i0 = std::max(0, int(std::ceil(std::min({x[0], x[1], x[2]}) - 0.5)));
+            const int i1 = std::min(kWidth - 1, int(std::floor(std::max({x[0], x[1], x[2]}) - 0.5)));
+            const int j0 = std::max(0, int(std::ceil(std::min({y[0], y[1], y[2]}) - 0.5)));
+            const int j1 = std::min(kHeight - 1, int(std::floor(std::max({y[0], y[1], y[2]}) - 0.5)));
+            for (int j = j0; j <= j1; ++j)
+                for (int i = i0; i <= i1; ++i) {
+                    bool inside = true;
+                    for (int k = 0; k < 3; ++k) {
+                        const int n = (k + 1) % 3;
+                        const double e = (x[n] - x[k]) * (j + 0.5 - y[k]) - (y[n] - y[k]) * (i + 0.5 - x[k]);
+                        inside = inside && (area > 0 ? e >= 0 : e <= 0);
+                    }
+                    if (inside) covered[size_t(j) * kWidth + size_t(i)] = 1;
+                }
+        }
+        return double(std::count(covered.begin(), covered.end(), uint8_t(1))) / double(covered.size());
+    };
+    // The default build's reduction tears the grid apart: its flip test skips
+    // an end that keeps its position and so leaves that end's deleted-triangle
+    // flags as the previous test left them; triangles that should stay are
+    // dropped and those that should go stay as slivers. Kept on purpose (the
+    // default build answers as the reference reduction does); the values were
+    // recorded from this code and only lock that behaviour.
+    const double recorded[3] = {0.7570, 0.6367, 0.3777};
+    std::vector<common::float4> vertices;
+    std::vector<uint32_t> indices;
+    for (unsigned lod = 0; lod < 3; ++lod) {
+        common::OccluderBaker::levelMesh(record(m), lod, vertices, indices);
+        const double share = kept(vertices, indices);
+#if ZELK_CONSERVATIVE
+        EXPECT_GE(share, 0.95) << lod;
+        EXPECT_EQ(2u, indices.size() / 3) << lod; // flat: two triangles on the four corners
+#else
+        EXPECT_NEAR(recorded[lod], share, 0.0005) << lod;
+#endif
+    }
+    (void)recorded;
 }
 
 TEST(AsyncLoader, QueuesEachMeshOnceWhilePending) {
