@@ -131,85 +131,142 @@ constexpr int32_t kSubpixelOne = 1 << kSubpixelBits;
 constexpr int32_t kSubpixelHalf = kSubpixelOne / 2;
 static_assert(int64_t(kCoordLimit) * kSubpixelOne * 2 * kSubpixelOne * 2 < (int64_t(1) << 31), "remainder range");
 
-// Floor division for a positive denominator, |num| < 2^52: the quotient in
-// double precision is within one of the floor (integer division is several
-// times slower), and the remainder corrects it.
-ZELK_INLINE int64_t floorDiv(int64_t num, int64_t den) {
-    int64_t q = int64_t(std::floor(double(num) / double(den)));
-    const int64_t r = num - q * den;
-    if (r < 0) --q;
-    if (r >= den) ++q;
-    return q;
-}
-
 // Events hold the pixel column in the integer field and no fraction; the
 // exact remainder of the crossing lives beside them in `remainder`.
 struct Edge {
-    int32_t yTop, yBottom;  // pixel rows [yTop, yBottom) whose centres it spans
-    int64_t startNumerator; // numerator of the first covered column at row 0
-    int64_t rowNumerator;   // its change per row
-    int32_t denominator;
-    int32_t rowQuotient, rowRemainder; // one row's change, divided
-    int32_t stepRemainder;
+    int32_t yTop, yBottom; // pixel rows [yTop, yBottom) whose centres it spans
     int4 event;
-    int4 remainder; // numerator - column * denominator, in [0, denominator)
-    int4 step;      // four rows, column part
+    int4 remainder;     // numerator - column * denominator, in [0, denominator)
+    int4 step;          // four rows, column part
+    int4 stepRemainder; // four rows, remainder part
+    int4 denominator;
     int4 outside;
 };
 
-ZELK_INLINE void setupEdge(Edge& e, int32_t ux, int32_t uy, int32_t lx, int32_t ly, int32_t outside,
-                           bool includeBottom) {
-    // Coordinates carry kSubpixelBits fraction bits. Pixel i of row j is
-    // right of the edge when its centre is at or right of the crossing:
-    //   i >= ((ux - h) dy + (S j + h - uy) dx) / (S dy), S = 2^bits, h = S/2.
-    // A row counts when its centre lies below the upper vertex and above the
-    // lower one; a centre level with the lower vertex counts only for the
-    // upper short edge, so centres on horizontal edges are never covered.
-    const int32_t dx = lx - ux, dy = ly - uy;
-    e.yTop = ((uy - kSubpixelHalf) >> kSubpixelBits) + 1;
-    e.yBottom = includeBottom ? ((ly - kSubpixelHalf) >> kSubpixelBits) + 1 : (ly + kSubpixelHalf - 1) >> kSubpixelBits;
-    e.denominator = dy > 0 ? dy * kSubpixelOne : 1;
-    e.rowNumerator = int64_t(dx) * kSubpixelOne;
-    e.startNumerator = int64_t(ux - kSubpixelHalf) * dy + int64_t(kSubpixelHalf - uy) * dx + e.denominator - 1;
-    e.outside = common::splatInt(outside);
-    e.event = e.outside;
-    e.remainder = common::splatInt(0);
-    e.step = common::splatInt(0);
-    e.rowQuotient = e.rowRemainder = e.stepRemainder = 0;
-    if (dy > 0) {
-        // S dx / (S dy): the quotient of dx / dy, the remainder scaled by S.
-        const int32_t q = int32_t(floorDiv(dx, dy));
-        e.rowQuotient = q;
-        e.rowRemainder = (dx - q * dy) * kSubpixelOne;
-        const int64_t q4 = floorDiv(4 * e.rowNumerator, e.denominator);
-        e.step = common::splatInt(int32_t(uint32_t(q4) << kEventFracBits));
-        e.stepRemainder = int32_t(4 * e.rowNumerator - q4 * e.denominator);
+// Exact floor quotient and remainder of num / den (den > 0) from an estimate q
+// within one of the floor. Products wrap in 32 bits, but the true remainder
+// lies in [-den, 2 den) and den < 2^30, so the wrapped result is exact.
+ZELK_INLINE void fixQuotient(int4 num, int4 den, int4& q, int4& r) {
+    r = num - q * den;
+    const int4 low = common::cmpLt(r, common::splatInt(0));
+    q = q + low; // -1 where low
+    r = r + (den & low);
+    const int4 high = common::cmpGe(r, den);
+    q = q - high;
+    r = r - (den & high);
+}
+
+// The three edges of a triangle sorted by y (a on top, c at the bottom) at
+// once, one per lane: long a-c, upper a-b, lower b-c (lane 3 repeats the long
+// one). Coordinates carry kSubpixelBits fraction bits. Pixel i of row j is
+// right of an edge when its centre is at or right of the crossing:
+//   i >= ((ux - h) dy + (S j + h - uy) dx) / (S dy), S = 2^bits, h = S/2.
+// A row counts when its centre lies below the upper vertex and above the
+// lower one; a centre level with the lower vertex counts only for the upper
+// short edge, so centres on horizontal edges are never covered.
+//
+// Float estimates of the quotients are corrected by exact integer remainders,
+// which needs no division in the integers and no 64-bit lanes. Each edge
+// starts on the first tile row that uses it: the triangle's first one, or for
+// the lower edge the one holding its first row.
+ZELK_INLINE void setupEdges(Edge& longEdge, Edge& upper, Edge& lower, int32_t ax, int32_t ay, int32_t bx, int32_t by,
+                            int32_t cx, int32_t cy, int32_t outside, int32_t tileRowMin) {
+    static const int4 kIncludeBottom = common::makeInt4(0, -1, 0, 0);
+    const int4 zero = common::splatInt(0), one = common::splatInt(1), half = common::splatInt(kSubpixelHalf);
+    const int4 ux = common::makeInt4(ax, ax, bx, ax), uy = common::makeInt4(ay, ay, by, ay);
+    const int4 ly = common::makeInt4(cy, by, cy, cy);
+    const int4 dx = common::makeInt4(cx, bx, cx, cx) - ux, dy = ly - uy; // |dx|, dy < 2^21
+    const int4 yTop = common::shiftRightArithmetic<kSubpixelBits>(uy - half) + one;
+    const int4 yBottom = common::select(kIncludeBottom, common::shiftRightArithmetic<kSubpixelBits>(ly - half) + one,
+                                        common::shiftRightArithmetic<kSubpixelBits>(ly + half - one));
+    // Horizontal edges span no row; any denominator keeps their lanes tame.
+    const int4 spans = common::cmpGt(dy, zero);
+    const int4 divisor = common::select(spans, dy, one);
+    const int4 den = common::shiftLeft<kSubpixelBits>(divisor);
+    const float4 inv = common::splat(1.0f) / common::toFloat(divisor);
+
+    // One row moves the crossing by dx / dy, four rows by 4 dx / dy: both
+    // numerators are exact floats, so the estimates are within half a unit.
+    int4 rowQuotient = common::roundToInt(common::toFloat(dx) * inv), rowRemainder;
+    fixQuotient(dx, divisor, rowQuotient, rowRemainder);
+    const int4 dx4 = common::shiftLeft<2>(dx);
+    int4 stepQuotient = common::roundToInt(common::toFloat(dx4) * inv), stepRemainder;
+    fixQuotient(dx4, divisor, stepQuotient, stepRemainder);
+    rowRemainder = common::shiftLeft<kSubpixelBits>(rowRemainder);
+    stepRemainder = common::shiftLeft<kSubpixelBits>(stepRemainder) & spans;
+    const int4 step = common::shiftLeft<kEventFracBits>(stepQuotient) & spans;
+
+    // The first row of each edge. Rows an edge will use lie at most four above
+    // its upper vertex, so there the float numerator is within 2^21 of the
+    // true one and the first estimate leaves a remainder that 32 bits hold;
+    // a second estimate of its quotient lands within one. Rows it never uses
+    // may come out wrong; they are replaced by `outside`.
+    const int32_t firstRow = tileRowMin << kTileHeightShift;
+    const int32_t lowerTop = ((by - kSubpixelHalf) >> kSubpixelBits) + 1;
+    const int32_t lowerRow = (lowerTop >> kTileHeightShift) > tileRowMin ? (lowerTop >> kTileHeightShift) : tileRowMin;
+    const int4 rows = common::makeInt4(firstRow, firstRow, lowerRow << kTileHeightShift, firstRow);
+    const int4 below = common::shiftLeft<kSubpixelBits>(rows) + half - uy;
+    const int4 left = ux - half;
+    const int4 num = (left * dy + below * dx) + (den - one);
+    const float4 invDen = inv * common::splat(1.0f / float(kSubpixelOne));
+    const float4 numEstimate =
+        (common::toFloat(left) * common::toFloat(dy) + common::toFloat(below) * common::toFloat(dx)) +
+        common::toFloat(den);
+    int4 q = common::roundToInt(numEstimate * invDen), r;
+    r = num - q * den;
+    q = q + common::roundToInt(common::toFloat(r) * invDen);
+    fixQuotient(num, den, q, r);
+
+    // Rows 1-3 of the first tile row step from row 0.
+    int4 qs[4], rs[4];
+    qs[0] = q;
+    rs[0] = r;
+    for (int k = 1; k < 4; ++k) {
+        const int4 sum = rs[k - 1] + rowRemainder;
+        const int4 carry = common::cmpGe(sum, den);
+        qs[k] = (qs[k - 1] + rowQuotient) - carry;
+        rs[k] = sum - (den & carry);
+    }
+    // Rows x edges into edges x rows.
+    float4 q0 = common::asFloat(qs[0]), q1 = common::asFloat(qs[1]), q2 = common::asFloat(qs[2]),
+           q3 = common::asFloat(qs[3]);
+    float4 r0 = common::asFloat(rs[0]), r1 = common::asFloat(rs[1]), r2 = common::asFloat(rs[2]),
+           r3 = common::asFloat(rs[3]);
+    common::transpose(q0, q1, q2, q3);
+    common::transpose(r0, r1, r2, r3);
+
+    alignas(16) int32_t tops[4], bottoms[4];
+    common::storeInt4(tops, yTop);
+    common::storeInt4(bottoms, yBottom);
+    const int4 outsideV = common::splatInt(outside);
+    const float4 stepF = common::asFloat(step), stepRemainderF = common::asFloat(stepRemainder);
+    const float4 denF = common::asFloat(den);
+    Edge* edges[3] = {&longEdge, &upper, &lower};
+    const float4 events[3] = {q0, q1, q2}, remainders[3] = {r0, r1, r2};
+    const float4 steps[3] = {common::splatLane<0>(stepF), common::splatLane<1>(stepF), common::splatLane<2>(stepF)};
+    const float4 stepRemainders[3] = {common::splatLane<0>(stepRemainderF), common::splatLane<1>(stepRemainderF),
+                                      common::splatLane<2>(stepRemainderF)};
+    const float4 dens[3] = {common::splatLane<0>(denF), common::splatLane<1>(denF), common::splatLane<2>(denF)};
+    for (int e = 0; e < 3; ++e) {
+        Edge& edge = *edges[e];
+        edge.yTop = tops[e];
+        edge.yBottom = bottoms[e];
+        edge.event = common::shiftLeft<kEventFracBits>(common::asInt(events[e]));
+        edge.remainder = common::asInt(remainders[e]);
+        edge.step = common::asInt(steps[e]);
+        edge.stepRemainder = common::asInt(stepRemainders[e]);
+        edge.denominator = common::asInt(dens[e]);
+        edge.outside = outsideV;
     }
 }
 
-ZELK_INLINE void startEdge(Edge& e, int32_t firstRow) {
-    const int64_t num = e.startNumerator + int64_t(firstRow) * e.rowNumerator;
-    const int64_t q0 = floorDiv(num, e.denominator);
-    // Rows 1-3 step from row 0 (the carry without a branch: it is
-    // unpredictable). Rows the edge does not span may wrap; they are replaced
-    // by e.outside.
-    int32_t q[4], r[4];
-    q[0] = int32_t(uint32_t(q0));
-    r[0] = int32_t(num - q0 * e.denominator);
-    for (int k = 1; k < 4; ++k) {
-        const int32_t sum = r[k - 1] + e.rowRemainder;
-        const int32_t carry = sum >= e.denominator;
-        q[k] = int32_t(uint32_t(q[k - 1]) + uint32_t(e.rowQuotient + carry));
-        r[k] = sum - carry * e.denominator;
-    }
-    e.event = common::shiftLeft<kEventFracBits>(common::makeInt4(q[0], q[1], q[2], q[3]));
-    e.remainder = common::makeInt4(r[0], r[1], r[2], r[3]);
-}
+// Edges start where they are set up.
+ZELK_INLINE void startEdge(Edge&, int32_t) {}
 
 ZELK_INLINE void advanceEdge(Edge& e) {
-    const int4 remainder = e.remainder + common::splatInt(e.stepRemainder);
-    const int4 carry = common::cmpGe(remainder, common::splatInt(e.denominator));
-    e.remainder = remainder - (carry & common::splatInt(e.denominator));
+    const int4 remainder = e.remainder + e.stepRemainder;
+    const int4 carry = common::cmpGe(remainder, e.denominator);
+    e.remainder = remainder - (carry & e.denominator);
     e.event = e.event + e.step + (carry & common::splatInt(1 << kEventFracBits));
 }
 #else
@@ -556,23 +613,6 @@ int MaskedOcclusionCullingPrivate::projectAndRasterize(float4 vX[3], float4 vY[3
         sy[2] = common::select(positive, y1, sy[2]);
         sz[2] = common::select(positive, z1, sz[2]);
     }
-#if ZELK_CONSERVATIVE
-    {
-        // A triangle whose bounding box holds no pixel centre covers none:
-        // most sub-pixel triangles (those snapping would flatten) end here.
-        static const int4 kBelowHalf = common::splatInt(kSubpixelHalf - 1);
-        static const int4 kHalf = common::splatInt(kSubpixelHalf);
-        const auto centres = [](const float4* v) {
-            const float4 scale = common::splat(float(kSubpixelOne));
-            const int4 lo = common::truncToInt(common::min(common::min(v[0], v[1]), v[2]) * scale);
-            const int4 hi = common::truncToInt(common::max(common::max(v[0], v[1]), v[2]) * scale);
-            // First centre at or after lo, last at or before hi (whole pixels).
-            return common::cmpGe(common::shiftRightArithmetic<kSubpixelBits>(hi - kHalf),
-                                 common::shiftRightArithmetic<kSubpixelBits>(lo + kBelowHalf));
-        };
-        laneMask &= common::signMask(centres(sx) & centres(sy));
-    }
-#endif
     const unsigned positiveBits = common::signMask(positive);
     if (unsigned(winding) & 2u) laneMask &= ~positiveBits;
     if (unsigned(winding) & 1u) laneMask &= positiveBits;
@@ -705,6 +745,22 @@ int MaskedOcclusionCullingPrivate::RasterizeTriangleBatch(float4 pVtxX[3], float
     const int4 rows =
         common::shiftRightArithmetic<kTileHeightShift>(bbMaxY) - common::shiftRightArithmetic<kTileHeightShift>(bbMinY);
     const int4 zero = common::splatInt(0);
+#if ZELK_CONSERVATIVE
+    {
+        // A triangle whose bounding box holds no pixel centre covers none:
+        // most sub-pixel triangles (those snapping would flatten) end here.
+        static const float4 kScale = common::splat(float(kSubpixelOne));
+        static const int4 kBelowHalf = common::splatInt(kSubpixelHalf - 1);
+        static const int4 kHalf = common::splatInt(kSubpixelHalf);
+        const auto centres = [](float4 low, float4 high) {
+            const int4 lo = common::truncToInt(low * kScale), hi = common::truncToInt(high * kScale);
+            // First centre at or after lo, last at or before hi (whole pixels).
+            return common::cmpGe(common::shiftRightArithmetic<kSubpixelBits>(hi - kHalf),
+                                 common::shiftRightArithmetic<kSubpixelBits>(lo + kBelowHalf));
+        };
+        laneMask &= common::signMask(centres(fMinX, fMaxX) & centres(fMinY, fMaxY));
+    }
+#endif
     laneMask &= common::signMask(common::cmpGt(columns, zero) & common::cmpGt(rows, zero));
     if (laneMask == 0) return OutsideView;
 
@@ -792,9 +848,13 @@ void MaskedOcclusionCullingPrivate::rasterizeTriangle(const float* xs, const flo
     // Either way the event is far right when the middle vertex is on the
     // right (long edge left), far left otherwise.
     const int32_t outside = midRight ? kEventFar : -kEventFar;
+#if ZELK_CONSERVATIVE
+    setupEdges(longEdge, upper, lower, ax, ay, bx, by, cx, cy, outside, bbMinY >> kTileHeightShift);
+#else
     setupEdge(longEdge, ax, ay, cx, cy, outside, false);
     setupEdge(upper, ax, ay, bx, by, outside, true);
     setupEdge(lower, bx, by, cx, cy, outside, false);
+#endif
     const int rightIdx = 0, leftIdx = midRight ? 2 : 1;
 
     // Depth at the farthest corner of each 8x4 subtile, as a plane over tile
