@@ -386,7 +386,11 @@ private:
 
     int ClipTriangleAndAddToBuffer(float4 vX[3], float4 vY[3], float4 vW[3], ClippedTriangle* ring, int& writeIndex,
                                    unsigned& laneMask, unsigned clipLanes, ClipPlanes clipPlaneMask) const;
-    int projectAndRasterize(float4 vX[3], float4 vY[3], float4 vW[3], unsigned laneMask, BackfaceWinding winding);
+    template <bool kReciprocalInZ>
+    int renderTriangles(const float* vertices, const uint16_t* triangles, int triangleCount, const float* modelToClip,
+                        BackfaceWinding winding, ClipPlanes clipPlaneMask, const VertexLayout& layout);
+    int projectAndRasterize(float4 vX[3], float4 vY[3], float4 vW[3], const float4* reciprocals, unsigned laneMask,
+                            BackfaceWinding winding);
     int RasterizeTriangleBatch(float4 pVtxX[3], float4 pVtxY[3], float4 pVtxZ[3], unsigned laneMask,
                                const ScissorRect& scissor);
     void rasterizeTriangle(const float* xs, const float* ys, const float* zs, float zx, float zy, int32_t bbMinX,
@@ -582,7 +586,10 @@ int MaskedOcclusionCullingPrivate::ClipTriangleAndAddToBuffer(float4 vX[3], floa
     return emitted;
 }
 
-int MaskedOcclusionCullingPrivate::projectAndRasterize(float4 vX[3], float4 vY[3], float4 vW[3], unsigned laneMask,
+// reciprocals: 1/w of each vertex when the caller has them (conservative
+// build only), else null.
+int MaskedOcclusionCullingPrivate::projectAndRasterize(float4 vX[3], float4 vY[3], float4 vW[3],
+                                                       [[maybe_unused]] const float4* reciprocals, unsigned laneMask,
                                                        BackfaceWinding winding) {
     float4 sx[3], sy[3], sz[3];
     for (int k = 0; k < 3; ++k) {
@@ -592,7 +599,7 @@ int MaskedOcclusionCullingPrivate::projectAndRasterize(float4 vX[3], float4 vY[3
         // division puts every backend on the same grid point.
         static const float4 kScale = common::splat(float(kSubpixelOne));
         static const float4 kStep = common::splat(1.0f / float(kSubpixelOne));
-        const float4 exact = common::splat(1.0f) / vW[k];
+        const float4 exact = reciprocals != nullptr ? reciprocals[k] : common::splat(1.0f) / vW[k];
         sx[k] = common::roundNearest((centerX + (vX[k] * halfWidth) * exact) * kScale) * kStep;
         sy[k] = common::roundNearest((centerY + (vY[k] * halfHeight) * exact) * kScale) * kStep;
 #else
@@ -623,6 +630,15 @@ int MaskedOcclusionCullingPrivate::projectAndRasterize(float4 vX[3], float4 vY[3
 int MaskedOcclusionCullingPrivate::RenderTriangles(const float* vertices, const uint16_t* triangles, int triangleCount,
                                                    const float* modelToClip, BackfaceWinding winding,
                                                    ClipPlanes clipPlaneMask, const VertexLayout& layout) {
+    return renderTriangles<false>(vertices, triangles, triangleCount, modelToClip, winding, clipPlaneMask, layout);
+}
+
+// kReciprocalInZ: packed vertices carry 1/w in place of z (the four-argument
+// form's own buffer); triangles drawn without clipping use it.
+template <bool kReciprocalInZ>
+int MaskedOcclusionCullingPrivate::renderTriangles(const float* vertices, const uint16_t* triangles, int triangleCount,
+                                                   const float* modelToClip, BackfaceWinding winding,
+                                                   ClipPlanes clipPlaneMask, const VertexLayout& layout) {
     const bool packed = layout.stride == 16 && layout.offsetY == 4 && layout.offsetW == 12;
     if (triangleCount < 1 || vertices == nullptr || triangles == nullptr) return OutsideView;
 
@@ -632,7 +648,7 @@ int MaskedOcclusionCullingPrivate::RenderTriangles(const float* vertices, const 
     for (int64_t first = 0; first < triangleCount; first += 4) {
         const int count = triangleCount - first < 4 ? int(triangleCount - first) : 4;
         const uint16_t* batch = triangles + size_t(first) * 3;
-        float4 vX[3], vY[3], vW[3];
+        float4 vX[3], vY[3], vW[3], vR[3];
         if (packed) {
             for (int k = 0; k < 3; ++k) {
                 // Absent lanes repeat lane 0; they are masked off below.
@@ -645,6 +661,7 @@ int MaskedOcclusionCullingPrivate::RenderTriangles(const float* vertices, const 
                 vX[k] = rows[0];
                 vY[k] = rows[1];
                 vW[k] = rows[3];
+                vR[k] = rows[2];
             }
         } else {
             for (int k = 0; k < 3; ++k) vX[k] = vY[k] = vW[k] = common::zero4();
@@ -664,7 +681,8 @@ int MaskedOcclusionCullingPrivate::RenderTriangles(const float* vertices, const 
         if ((unsigned(clipPlaneMask) & unsigned(ClipAll)) != 0) {
             clipped = ClipTriangleAndAddToBuffer(vX, vY, vW, ring, writeIndex, laneMask, laneMask, clipPlaneMask);
         }
-        if (laneMask != 0) result &= projectAndRasterize(vX, vY, vW, laneMask, winding);
+        if (laneMask != 0)
+            result &= projectAndRasterize(vX, vY, vW, kReciprocalInZ && packed ? vR : nullptr, laneMask, winding);
 
         // Drain what clipping produced; a ring overrun (only with degenerate
         // rounding) loses the oldest triangles, which only leaves things visible.
@@ -680,7 +698,7 @@ int MaskedOcclusionCullingPrivate::RenderTriangles(const float* vertices, const 
                 vY[k] = rows[1];
                 vW[k] = rows[2];
             }
-            result &= projectAndRasterize(vX, vY, vW, (1u << n) - 1u, winding);
+            result &= projectAndRasterize(vX, vY, vW, nullptr, (1u << n) - 1u, winding);
             readIndex = (readIndex + n) & (kRingSize - 1);
             clipped -= n;
         }
@@ -719,8 +737,21 @@ int MaskedOcclusionCullingPrivate::RenderTriangles(const float* vertices, const 
     }
     if (needed > count) std::memset(transformed + 4 * count, 0, (needed - count) * 4 * sizeof(float));
 
+#if ZELK_CONSERVATIVE
+    // Projection needs the exact 1/w; a vertex shared by several triangles
+    // divides once here, four at a time, into the z slot (unused otherwise).
+    size_t i = 0;
+    for (; i + 4 <= needed; i += 4) {
+        float* v = transformed + 4 * i;
+        alignas(16) float r[4];
+        common::store4(r, common::splat(1.0f) / common::make4(v[3], v[7], v[11], v[15]));
+        v[2] = r[0], v[6] = r[1], v[10] = r[2], v[14] = r[3];
+    }
+    for (; i < needed; ++i) transformed[4 * i + 2] = 1.0f / transformed[4 * i + 3];
+#endif
     static const VertexLayout kPacked = {16, 4, 12};
-    return RenderTriangles(transformed, indices, triangleCount, nullptr, WindingKeepPositive, ClipAll, kPacked);
+    return renderTriangles<ZELK_CONSERVATIVE != 0>(transformed, indices, triangleCount, nullptr, WindingKeepPositive,
+                                                   ClipAll, kPacked);
 }
 
 // ---------------------------------------------------------------- rasterization
