@@ -156,29 +156,38 @@ ZELK_INLINE void fixQuotient(int4 num, int4 den, int4& q, int4& r) {
     r = r - (den & high);
 }
 
-// The three edges of a triangle sorted by y (a on top, c at the bottom) at
-// once, one per lane: long a-c, upper a-b, lower b-c (lane 3 repeats the long
-// one). Coordinates carry kSubpixelBits fraction bits. Pixel i of row j is
-// right of an edge when its centre is at or right of the crossing:
+// The edges of a batch's four triangles, set up together (one triangle per
+// lane) and picked up per triangle: 0 long (a-c), 1 upper (a-b), 2 lower
+// (b-c), with the vertices sorted by y (a on top, c at the bottom).
+struct EdgeBatch {
+    int4 event[3][4]; // [edge][triangle]: its first tile row's four rows
+    int4 remainder[3][4];
+    alignas(16) int32_t yTop[3][4];
+    alignas(16) int32_t yBottom[3][4];
+    alignas(16) int32_t step[3][4];
+    alignas(16) int32_t stepRemainder[3][4];
+    alignas(16) int32_t denominator[3][4];
+};
+
+// One edge of each lane's triangle, from (ux, uy) down to (lx, ly), starting
+// on pixel row firstRow (a tile row's first). Coordinates carry
+// kSubpixelBits fraction bits. Pixel i of row j is right of the edge when its
+// centre is at or right of the crossing:
 //   i >= ((ux - h) dy + (S j + h - uy) dx) / (S dy), S = 2^bits, h = S/2.
 // A row counts when its centre lies below the upper vertex and above the
 // lower one; a centre level with the lower vertex counts only for the upper
-// short edge, so centres on horizontal edges are never covered.
+// short edge (includeBottom), so centres on horizontal edges are never
+// covered.
 //
-// Float estimates of the quotients are corrected by exact integer remainders,
-// which needs no division in the integers and no 64-bit lanes. Each edge
-// starts on the first tile row that uses it: the triangle's first one, or for
-// the lower edge the one holding its first row.
-ZELK_INLINE void setupEdges(Edge& longEdge, Edge& upper, Edge& lower, int32_t ax, int32_t ay, int32_t bx, int32_t by,
-                            int32_t cx, int32_t cy, int32_t outside, int32_t tileRowMin) {
-    static const int4 kIncludeBottom = common::makeInt4(0, -1, 0, 0);
+// Float estimates of the quotients are corrected by exact integer remainders:
+// no division in the integers and no 64-bit lanes.
+ZELK_INLINE void setupEdgeLanes(EdgeBatch& out, int e, int4 ux, int4 uy, int4 lx, int4 ly, bool includeBottom,
+                                int4 firstRow) {
     const int4 zero = common::splatInt(0), one = common::splatInt(1), half = common::splatInt(kSubpixelHalf);
-    const int4 ux = common::makeInt4(ax, ax, bx, ax), uy = common::makeInt4(ay, ay, by, ay);
-    const int4 ly = common::makeInt4(cy, by, cy, cy);
-    const int4 dx = common::makeInt4(cx, bx, cx, cx) - ux, dy = ly - uy; // |dx|, dy < 2^21
+    const int4 dx = lx - ux, dy = ly - uy; // |dx|, dy < 2^21
     const int4 yTop = common::shiftRightArithmetic<kSubpixelBits>(uy - half) + one;
-    const int4 yBottom = common::select(kIncludeBottom, common::shiftRightArithmetic<kSubpixelBits>(ly - half) + one,
-                                        common::shiftRightArithmetic<kSubpixelBits>(ly + half - one));
+    const int4 yBottom = includeBottom ? common::shiftRightArithmetic<kSubpixelBits>(ly - half) + one
+                                       : common::shiftRightArithmetic<kSubpixelBits>(ly + half - one);
     // Horizontal edges span no row; any denominator keeps their lanes tame.
     const int4 spans = common::cmpGt(dy, zero);
     const int4 divisor = common::select(spans, dy, one);
@@ -193,19 +202,13 @@ ZELK_INLINE void setupEdges(Edge& longEdge, Edge& upper, Edge& lower, int32_t ax
     int4 stepQuotient = common::roundToInt(common::toFloat(dx4) * inv), stepRemainder;
     fixQuotient(dx4, divisor, stepQuotient, stepRemainder);
     rowRemainder = common::shiftLeft<kSubpixelBits>(rowRemainder);
-    stepRemainder = common::shiftLeft<kSubpixelBits>(stepRemainder) & spans;
-    const int4 step = common::shiftLeft<kEventFracBits>(stepQuotient) & spans;
 
-    // The first row of each edge. Rows an edge will use lie at most four above
-    // its upper vertex, so there the float numerator is within 2^21 of the
-    // true one and the first estimate leaves a remainder that 32 bits hold;
-    // a second estimate of its quotient lands within one. Rows it never uses
-    // may come out wrong; they are replaced by `outside`.
-    const int32_t firstRow = tileRowMin << kTileHeightShift;
-    const int32_t lowerTop = ((by - kSubpixelHalf) >> kSubpixelBits) + 1;
-    const int32_t lowerRow = (lowerTop >> kTileHeightShift) > tileRowMin ? (lowerTop >> kTileHeightShift) : tileRowMin;
-    const int4 rows = common::makeInt4(firstRow, firstRow, lowerRow << kTileHeightShift, firstRow);
-    const int4 below = common::shiftLeft<kSubpixelBits>(rows) + half - uy;
+    // The first row. Rows the edge will use lie at most four above its upper
+    // vertex, so there the float numerator is within 2^21 of the true one and
+    // the first estimate leaves a remainder that 32 bits hold; a second
+    // estimate of its quotient lands within one. Rows it never uses may come
+    // out wrong; they are replaced by `outside`.
+    const int4 below = common::shiftLeft<kSubpixelBits>(firstRow) + half - uy;
     const int4 left = ux - half;
     const int4 num = (left * dy + below * dx) + (den - one);
     const float4 invDen = inv * common::splat(1.0f / float(kSubpixelOne));
@@ -217,7 +220,8 @@ ZELK_INLINE void setupEdges(Edge& longEdge, Edge& upper, Edge& lower, int32_t ax
     q = q + common::roundToInt(common::toFloat(r) * invDen);
     fixQuotient(num, den, q, r);
 
-    // Rows 1-3 of the first tile row step from row 0.
+    // Rows 1-3 of the first tile row step from row 0; then rows x lanes
+    // become lanes x rows.
     int4 qs[4], rs[4];
     qs[0] = q;
     rs[0] = r;
@@ -227,37 +231,68 @@ ZELK_INLINE void setupEdges(Edge& longEdge, Edge& upper, Edge& lower, int32_t ax
         qs[k] = (qs[k - 1] + rowQuotient) - carry;
         rs[k] = sum - (den & carry);
     }
-    // Rows x edges into edges x rows.
-    float4 q0 = common::asFloat(qs[0]), q1 = common::asFloat(qs[1]), q2 = common::asFloat(qs[2]),
-           q3 = common::asFloat(qs[3]);
+    float4 q0 = common::asFloat(common::shiftLeft<kEventFracBits>(qs[0]));
+    float4 q1 = common::asFloat(common::shiftLeft<kEventFracBits>(qs[1]));
+    float4 q2 = common::asFloat(common::shiftLeft<kEventFracBits>(qs[2]));
+    float4 q3 = common::asFloat(common::shiftLeft<kEventFracBits>(qs[3]));
     float4 r0 = common::asFloat(rs[0]), r1 = common::asFloat(rs[1]), r2 = common::asFloat(rs[2]),
            r3 = common::asFloat(rs[3]);
     common::transpose(q0, q1, q2, q3);
     common::transpose(r0, r1, r2, r3);
+    out.event[e][0] = common::asInt(q0);
+    out.event[e][1] = common::asInt(q1);
+    out.event[e][2] = common::asInt(q2);
+    out.event[e][3] = common::asInt(q3);
+    out.remainder[e][0] = common::asInt(r0);
+    out.remainder[e][1] = common::asInt(r1);
+    out.remainder[e][2] = common::asInt(r2);
+    out.remainder[e][3] = common::asInt(r3);
+    common::storeInt4(out.yTop[e], yTop);
+    common::storeInt4(out.yBottom[e], yBottom);
+    common::storeInt4(out.step[e], common::shiftLeft<kEventFracBits>(stepQuotient) & spans);
+    common::storeInt4(out.stepRemainder[e], common::shiftLeft<kSubpixelBits>(stepRemainder) & spans);
+    common::storeInt4(out.denominator[e], den);
+}
 
-    alignas(16) int32_t tops[4], bottoms[4];
-    common::storeInt4(tops, yTop);
-    common::storeInt4(bottoms, yBottom);
-    const int4 outsideV = common::splatInt(outside);
-    const float4 stepF = common::asFloat(step), stepRemainderF = common::asFloat(stepRemainder);
-    const float4 denF = common::asFloat(den);
-    Edge* edges[3] = {&longEdge, &upper, &lower};
-    const float4 events[3] = {q0, q1, q2}, remainders[3] = {r0, r1, r2};
-    const float4 steps[3] = {common::splatLane<0>(stepF), common::splatLane<1>(stepF), common::splatLane<2>(stepF)};
-    const float4 stepRemainders[3] = {common::splatLane<0>(stepRemainderF), common::splatLane<1>(stepRemainderF),
-                                      common::splatLane<2>(stepRemainderF)};
-    const float4 dens[3] = {common::splatLane<0>(denF), common::splatLane<1>(denF), common::splatLane<2>(denF)};
-    for (int e = 0; e < 3; ++e) {
-        Edge& edge = *edges[e];
-        edge.yTop = tops[e];
-        edge.yBottom = bottoms[e];
-        edge.event = common::shiftLeft<kEventFracBits>(common::asInt(events[e]));
-        edge.remainder = common::asInt(remainders[e]);
-        edge.step = common::asInt(steps[e]);
-        edge.stepRemainder = common::asInt(stepRemainders[e]);
-        edge.denominator = common::asInt(dens[e]);
-        edge.outside = outsideV;
+// The three edges of a batch's triangles; vertices are on the sub-pixel grid
+// and sorted by y exactly as rasterizeTriangle sorts them. Each edge starts
+// on the first tile row that uses it: the triangle's first one (firstRow),
+// or for the lower edge the one holding its first row.
+ZELK_INLINE void setupEdgeBatch(EdgeBatch& out, const float4 xs[3], const float4 ys[3], int4 firstRow) {
+    const float4 scale = common::splat(float(kSubpixelOne));
+    int4 x[3], y[3];
+    for (int k = 0; k < 3; ++k) {
+        x[k] = common::truncToInt(xs[k] * scale);
+        y[k] = common::truncToInt(ys[k] * scale);
     }
+    const auto order = [&x, &y](int i, int j) {
+        const int4 swap = common::cmpLt(y[j], y[i]);
+        const int4 xi = x[i], yi = y[i];
+        x[i] = common::select(swap, x[j], xi);
+        y[i] = common::select(swap, y[j], yi);
+        x[j] = common::select(swap, xi, x[j]);
+        y[j] = common::select(swap, yi, y[j]);
+    };
+    order(0, 1);
+    order(1, 2);
+    order(0, 1);
+    setupEdgeLanes(out, 0, x[0], y[0], x[2], y[2], false, firstRow);
+    setupEdgeLanes(out, 1, x[0], y[0], x[1], y[1], true, firstRow);
+    const int4 lowerTop = common::shiftRightArithmetic<kSubpixelBits>(y[1] - common::splatInt(kSubpixelHalf));
+    const int4 lowerRow = common::max(common::shiftRightArithmetic<kTileHeightShift>(firstRow),
+                                      common::shiftRightArithmetic<kTileHeightShift>(lowerTop + common::splatInt(1)));
+    setupEdgeLanes(out, 2, x[1], y[1], x[2], y[2], false, common::shiftLeft<kTileHeightShift>(lowerRow));
+}
+
+ZELK_INLINE void loadEdge(Edge& edge, const EdgeBatch& batch, int e, int lane, int32_t outside) {
+    edge.yTop = batch.yTop[e][lane];
+    edge.yBottom = batch.yBottom[e][lane];
+    edge.event = batch.event[e][lane];
+    edge.remainder = batch.remainder[e][lane];
+    edge.step = common::splatInt(batch.step[e][lane]);
+    edge.stepRemainder = common::splatInt(batch.stepRemainder[e][lane]);
+    edge.denominator = common::splatInt(batch.denominator[e][lane]);
+    edge.outside = common::splatInt(outside);
 }
 
 // Edges start where they are set up.
@@ -394,7 +429,12 @@ private:
     int RasterizeTriangleBatch(float4 pVtxX[3], float4 pVtxY[3], float4 pVtxZ[3], unsigned laneMask,
                                const ScissorRect& scissor);
     void rasterizeTriangle(const float* xs, const float* ys, const float* zs, float zx, float zy, int32_t bbMinX,
-                           int32_t bbMaxX, int32_t bbMinY, int32_t bbMaxY);
+                           int32_t bbMaxX, int32_t bbMinY, int32_t bbMaxY
+#if ZELK_CONSERVATIVE
+                           ,
+                           const EdgeBatch& batch, int lane
+#endif
+    );
     template <int NRight, int NLeft> void TraverseScanline(int first, int end, int rowBase, int rightIdx, int leftIdx,
                                                            const int4* events, const float4& zTriMin,
                                                            const float4& zTriMax, const float4& iz0, float zx);
@@ -592,16 +632,22 @@ int MaskedOcclusionCullingPrivate::projectAndRasterize(float4 vX[3], float4 vY[3
                                                        [[maybe_unused]] const float4* reciprocals, unsigned laneMask,
                                                        BackfaceWinding winding) {
     float4 sx[3], sy[3], sz[3];
+#if ZELK_CONSERVATIVE
+    // Sub-pixel positions on the rasteriser's fixed-point grid; a true
+    // division puts every backend on the same grid point.
+    float4 exact[3];
+    if (reciprocals != nullptr) {
+        for (int k = 0; k < 3; ++k) exact[k] = reciprocals[k];
+    } else {
+        for (int k = 0; k < 3; ++k) exact[k] = common::splat(1.0f) / vW[k];
+    }
+    const float4 scale = common::splat(float(kSubpixelOne)), step = common::splat(1.0f / float(kSubpixelOne));
+#endif
     for (int k = 0; k < 3; ++k) {
         const float4 r = common::rcp(vW[k]);
 #if ZELK_CONSERVATIVE
-        // Sub-pixel positions on the rasteriser's fixed-point grid; a true
-        // division puts every backend on the same grid point.
-        static const float4 kScale = common::splat(float(kSubpixelOne));
-        static const float4 kStep = common::splat(1.0f / float(kSubpixelOne));
-        const float4 exact = reciprocals != nullptr ? reciprocals[k] : common::splat(1.0f) / vW[k];
-        sx[k] = common::roundNearest((centerX + (vX[k] * halfWidth) * exact) * kScale) * kStep;
-        sy[k] = common::roundNearest((centerY + (vY[k] * halfHeight) * exact) * kScale) * kStep;
+        sx[k] = common::roundNearest((centerX + (vX[k] * halfWidth) * exact[k]) * scale) * step;
+        sy[k] = common::roundNearest((centerY + (vY[k] * halfHeight) * exact[k]) * scale) * step;
 #else
         sx[k] = common::roundNearest(centerX + (vX[k] * halfWidth) * r);
         sy[k] = common::roundNearest(centerY + (vY[k] * halfHeight) * r);
@@ -819,6 +865,10 @@ int MaskedOcclusionCullingPrivate::RasterizeTriangleBatch(float4 pVtxX[3], float
     zx = common::select(steep, common::zero4(), zx);
     zy = common::select(steep, common::zero4(), zy);
 
+#if ZELK_CONSERVATIVE
+    EdgeBatch edgeBatch;
+    setupEdgeBatch(edgeBatch, pVtxX, pVtxY, bbMinY);
+#endif
     alignas(16) float xs[3][4], ys[3][4], zs[3][4], zxs[4], zys[4];
     alignas(16) int32_t minXs[4], maxXs[4], minYs[4], maxYs[4], steeps[4];
     for (int k = 0; k < 3; ++k) {
@@ -843,14 +893,24 @@ int MaskedOcclusionCullingPrivate::RasterizeTriangleBatch(float4 pVtxX[3], float
             const float zMin = z[0] < z[1] ? (z[0] < z[2] ? z[0] : z[2]) : (z[1] < z[2] ? z[1] : z[2]);
             z[0] = z[1] = z[2] = zMin;
         }
-        rasterizeTriangle(x, y, z, zxs[lane], zys[lane], minXs[lane], maxXs[lane], minYs[lane], maxYs[lane]);
+        rasterizeTriangle(x, y, z, zxs[lane], zys[lane], minXs[lane], maxXs[lane], minYs[lane], maxYs[lane]
+#if ZELK_CONSERVATIVE
+                          ,
+                          edgeBatch, lane
+#endif
+        );
     }
     return Visible;
 }
 
 void MaskedOcclusionCullingPrivate::rasterizeTriangle(const float* xs, const float* ys, const float* zs, float zx,
                                                       float zy, int32_t bbMinX, int32_t bbMaxX, int32_t bbMinY,
-                                                      int32_t bbMaxY) {
+                                                      int32_t bbMaxY
+#if ZELK_CONSERVATIVE
+                                                      ,
+                                                      const EdgeBatch& batch, int lane
+#endif
+) {
     // Sort by y: a on top, c at the bottom.
     int ia = 0, ib = 1, ic = 2;
     if (ys[ib] < ys[ia]) std::swap(ia, ib);
@@ -880,7 +940,9 @@ void MaskedOcclusionCullingPrivate::rasterizeTriangle(const float* xs, const flo
     // right (long edge left), far left otherwise.
     const int32_t outside = midRight ? kEventFar : -kEventFar;
 #if ZELK_CONSERVATIVE
-    setupEdges(longEdge, upper, lower, ax, ay, bx, by, cx, cy, outside, bbMinY >> kTileHeightShift);
+    loadEdge(longEdge, batch, 0, lane, outside);
+    loadEdge(upper, batch, 1, lane, outside);
+    loadEdge(lower, batch, 2, lane, outside);
 #else
     setupEdge(longEdge, ax, ay, cx, cy, outside, false);
     setupEdge(upper, ax, ay, bx, by, outside, true);
