@@ -133,27 +133,26 @@ static_assert(int64_t(kCoordLimit) * kSubpixelOne * 2 * kSubpixelOne * 2 < (int6
 
 // Events hold the pixel column in the integer field and no fraction; the
 // exact remainder of the crossing lives beside them in `remainder`.
+// The remainder is kept less the denominator, in [-denominator, 0), so that
+// its sign alone tells whether a step carries.
 struct Edge {
     int32_t yTop, yBottom; // pixel rows [yTop, yBottom) whose centres it spans
     int4 event;
-    int4 remainder;     // numerator - column * denominator, in [0, denominator)
-    int4 step;          // four rows, column part
+    int4 remainder;     // numerator - (column + 1) * denominator
+    int4 step;          // four rows, column part, plus one column
     int4 stepRemainder; // four rows, remainder part
     int4 denominator;
     int4 outside;
 };
 
 // Exact floor quotient and remainder of num / den (den > 0) from an estimate q
-// within one of the floor. Products wrap in 32 bits, but the true remainder
-// lies in [-den, 2 den) and den < 2^30, so the wrapped result is exact.
+// that is the floor or one more. Products wrap in 32 bits, but the true
+// remainder lies in [-den, den) and den < 2^30, so the wrapped one is exact.
 ZELK_INLINE void fixQuotient(int4 num, int4 den, int4& q, int4& r) {
     r = num - q * den;
-    const int4 low = common::cmpLt(r, common::splatInt(0));
+    const int4 low = common::shiftRightArithmetic<31>(r);
     q = q + low; // -1 where low
     r = r + (den & low);
-    const int4 high = common::cmpGe(r, den);
-    q = q - high;
-    r = r - (den & high);
 }
 
 // The edges of a batch's four triangles, set up together (one triangle per
@@ -195,7 +194,8 @@ ZELK_INLINE void setupEdgeLanes(EdgeBatch& out, int e, int4 ux, int4 uy, int4 lx
     const float4 inv = common::splat(1.0f) / common::toFloat(divisor);
 
     // One row moves the crossing by dx / dy, four rows by 4 dx / dy: both
-    // numerators are exact floats, so the estimates are within half a unit.
+    // numerators are exact floats, so the estimates are within half a unit
+    // and round to the floor or one more.
     int4 rowQuotient = common::roundToInt(common::toFloat(dx) * inv), rowRemainder;
     fixQuotient(dx, divisor, rowQuotient, rowRemainder);
     const int4 dx4 = common::shiftLeft<2>(dx);
@@ -206,8 +206,8 @@ ZELK_INLINE void setupEdgeLanes(EdgeBatch& out, int e, int4 ux, int4 uy, int4 lx
     // The first row. Rows the edge will use lie at most four above its upper
     // vertex, so there the float numerator is within 2^21 of the true one and
     // the first estimate leaves a remainder that 32 bits hold; a second
-    // estimate of its quotient lands within one. Rows it never uses may come
-    // out wrong; they are replaced by `outside`.
+    // estimate of its quotient rounds to the floor or one more. Rows it never
+    // uses may come out wrong; they are replaced by `outside`.
     const int4 below = common::shiftLeft<kSubpixelBits>(firstRow) + half - uy;
     const int4 left = ux - half;
     const int4 num = (left * dy + below * dx) + (den - one);
@@ -220,16 +220,18 @@ ZELK_INLINE void setupEdgeLanes(EdgeBatch& out, int e, int4 ux, int4 uy, int4 lx
     q = q + common::roundToInt(common::toFloat(r) * invDen);
     fixQuotient(num, den, q, r);
 
-    // Rows 1-3 of the first tile row step from row 0; then rows x lanes
-    // become lanes x rows.
+    // Rows 1-3 of the first tile row step from row 0 (remainders less den:
+    // a sum that stays negative did not carry); then rows x lanes become
+    // lanes x rows.
     int4 qs[4], rs[4];
     qs[0] = q;
-    rs[0] = r;
+    rs[0] = r - den;
+    const int4 rowQuotientPlusOne = rowQuotient + one;
     for (int k = 1; k < 4; ++k) {
         const int4 sum = rs[k - 1] + rowRemainder;
-        const int4 carry = common::cmpGe(sum, den);
-        qs[k] = (qs[k - 1] + rowQuotient) - carry;
-        rs[k] = sum - (den & carry);
+        const int4 noCarry = common::shiftRightArithmetic<31>(sum);
+        qs[k] = (qs[k - 1] + rowQuotientPlusOne) + noCarry;
+        rs[k] = sum - common::andNot(den, noCarry);
     }
     float4 q0 = common::asFloat(common::shiftLeft<kEventFracBits>(qs[0]));
     float4 q1 = common::asFloat(common::shiftLeft<kEventFracBits>(qs[1]));
@@ -249,7 +251,7 @@ ZELK_INLINE void setupEdgeLanes(EdgeBatch& out, int e, int4 ux, int4 uy, int4 lx
     out.remainder[e][3] = common::asInt(r3);
     common::storeInt4(out.yTop[e], yTop);
     common::storeInt4(out.yBottom[e], yBottom);
-    common::storeInt4(out.step[e], common::shiftLeft<kEventFracBits>(stepQuotient) & spans);
+    common::storeInt4(out.step[e], common::shiftLeft<kEventFracBits>((stepQuotient & spans) + one));
     common::storeInt4(out.stepRemainder[e], common::shiftLeft<kSubpixelBits>(stepRemainder) & spans);
     common::storeInt4(out.denominator[e], den);
 }
@@ -300,9 +302,9 @@ ZELK_INLINE void startEdge(Edge&, int32_t) {}
 
 ZELK_INLINE void advanceEdge(Edge& e) {
     const int4 remainder = e.remainder + e.stepRemainder;
-    const int4 carry = common::cmpGe(remainder, e.denominator);
-    e.remainder = remainder - (carry & e.denominator);
-    e.event = e.event + e.step + (carry & common::splatInt(1 << kEventFracBits));
+    const int4 noCarry = common::shiftRightArithmetic<31>(remainder);
+    e.remainder = remainder - common::andNot(e.denominator, noCarry);
+    e.event = (e.event + e.step) + common::shiftLeft<kEventFracBits>(noCarry);
 }
 #else
 // One triangle edge, walked down the tile rows it spans.
