@@ -11,6 +11,7 @@
 #include <cmath>
 #include <cstring>
 #include <memory>
+#include <numeric>
 #include <random>
 #include <string>
 #include <vector>
@@ -488,6 +489,57 @@ TEST(MaskedOcclusionCulling, WideAndSteepTrianglesCoverTheDocumentedPixels) {
     }
     EXPECT_GT(full, 100000);
     EXPECT_GT(partial, 20000);
+}
+
+TEST(MaskedOcclusionCulling, CrossingsJustPastAPixelCentre) {
+    // An edge from (ux, uy) falling dy units (odd) and moving dx crosses the
+    // row whose centre lies t units below uy at (ux - 128) dy + t dx over dy
+    // units past the pixel centres' grid (in 256 dy-ths of a pixel). Picking
+    // t dx = 1 mod dy and ux so that the sum is 1 mod 256 puts a pixel centre
+    // exactly one such part left of the crossing, five rows or more below
+    // the vertex: the rarest carry that stepping down the rows must get
+    // right. The edge is the long, upper or lower one, bounding the triangle
+    // on either side. Snapping builds have no such edges.
+    if (!ZELK_CONSERVATIVE) GTEST_SKIP();
+    const auto inverse = [](int64_t a, int64_t m) { // a^-1 mod m, gcd(a, m) = 1
+        int64_t r0 = m, r1 = ((a % m) + m) % m, s0 = 0, s1 = 1;
+        while (r1 != 0) {
+            const int64_t q = r0 / r1, r2 = r0 - q * r1, s2 = s0 - q * s1;
+            r0 = r1, r1 = r2, s0 = s1, s1 = s2;
+        }
+        return ((s0 % m) + m) % m;
+    };
+    const int w = 320, h = 192;
+    std::mt19937 rng(31);
+    std::uniform_int_distribution<int> halfDy(600, 3000), dxs(-4000, 4000), rows(60, 130), cols(60, 260), side(0, 5);
+    auto m = makeMoc(w, h);
+    int full = 0, partial = 0, tried = 0;
+    while (tried < 400) {
+        const int dy = 2 * halfDy(rng) + 1, dx = dxs(rng);
+        if (dx == 0 || std::gcd(std::abs(dx), dy) != 1) continue;
+        // Every other edge has its crossing on one of the first rows below
+        // the vertex instead, inside the tile row where stepping starts.
+        int64_t t = inverse(dx, dy);
+        while (tried % 2 == 0 && t < 5 * 256) t += dy;
+        if (t > (tried % 2 == 0 ? dy - 256 : 3 * 256)) continue;
+        ++tried;
+        const int row = rows(rng);
+        const int uy = int(256 * row + 128 - t);
+        const int64_t ux = 256 * cols(rng) + 128 + ((1 - t * dx) % 256 + 256) % 256 * inverse(dy, 256) % 256;
+        ASSERT_EQ(((ux - 128) * dy + t * dx) % (256 * int64_t(dy)), 1);
+        const int kind = side(rng), lx = int(ux) + dx, ly = uy + dy;
+        // The third vertex: beside the edge's middle (long edge), below it
+        // (upper edge) or above it (lower edge), to its right or left.
+        const int sx = (kind % 2 ? 1 : -1) * 30 * 256, y3 = kind / 2 == 0   ? uy + dy / 2
+                                                            : kind / 2 == 1 ? ly + 2000
+                                                                            : uy - 2000;
+        const float d = float(1 + tried % 7);
+        const Tri tri = {{int(ux), lx, int(ux) + dx / 2 + sx}, {uy, ly, y3}, {d, d, d}};
+        m->ClearBuffer();
+        renderSub(*m, {tri});
+        ASSERT_EQ(coverageMismatch(*m, tri, w, h, full, partial), "") << tried;
+    }
+    EXPECT_GT(partial, 2000);
 }
 
 TEST(MaskedOcclusionCulling, FixedScenesKeepTheirRecordedCoverage) {
