@@ -166,6 +166,8 @@ struct EdgeBatch {
     alignas(16) int32_t step[3][4];
     alignas(16) int32_t stepRemainder[3][4];
     alignas(16) int32_t denominator[3][4];
+    alignas(16) int32_t x[3][4]; // [vertex][triangle], sorted by y
+    alignas(16) int32_t y[3][4];
 };
 
 // One edge of each lane's triangle, from (ux, uy) down to (lx, ly), starting
@@ -256,8 +258,8 @@ ZELK_INLINE void setupEdgeLanes(EdgeBatch& out, int e, int4 ux, int4 uy, int4 lx
     common::storeInt4(out.denominator[e], den);
 }
 
-// The three edges of a batch's triangles; vertices are on the sub-pixel grid
-// and sorted by y exactly as rasterizeTriangle sorts them. Each edge starts
+// The three edges of a batch's triangles, with their vertices on the sub-pixel
+// grid sorted by y (a swap only where strictly above). Each edge starts
 // on the first tile row that uses it: the triangle's first one (firstRow),
 // or for the lower edge the one holding its first row.
 ZELK_INLINE void setupEdgeBatch(EdgeBatch& out, const float4 xs[3], const float4 ys[3], int4 firstRow) {
@@ -278,6 +280,10 @@ ZELK_INLINE void setupEdgeBatch(EdgeBatch& out, const float4 xs[3], const float4
     order(0, 1);
     order(1, 2);
     order(0, 1);
+    for (int k = 0; k < 3; ++k) {
+        common::storeInt4(out.x[k], x[k]);
+        common::storeInt4(out.y[k], y[k]);
+    }
     setupEdgeLanes(out, 0, x[0], y[0], x[2], y[2], false, firstRow);
     setupEdgeLanes(out, 1, x[0], y[0], x[1], y[1], true, firstRow);
     const int4 lowerTop = common::shiftRightArithmetic<kSubpixelBits>(y[1] - common::splatInt(kSubpixelHalf));
@@ -913,19 +919,22 @@ void MaskedOcclusionCullingPrivate::rasterizeTriangle(const float* xs, const flo
                                                       const EdgeBatch& batch, int lane
 #endif
 ) {
+#if ZELK_CONSERVATIVE
+    // Sorted by y on the sub-pixel grid with the batch's edges.
+    const int32_t ax = batch.x[0][lane], ay = batch.y[0][lane];
+    const int32_t bx = batch.x[1][lane], by = batch.y[1][lane];
+    const int32_t cx = batch.x[2][lane], cy = batch.y[2][lane];
+#else
     // Sort by y: a on top, c at the bottom.
     int ia = 0, ib = 1, ic = 2;
     if (ys[ib] < ys[ia]) std::swap(ia, ib);
     if (ys[ic] < ys[ib]) std::swap(ib, ic);
     if (ys[ib] < ys[ia]) std::swap(ia, ib);
-#if ZELK_CONSERVATIVE
-    const float scale = float(kSubpixelOne); // positions lie on this grid already
-#else
     const float scale = 1.0f;
-#endif
     const int32_t ax = int32_t(xs[ia] * scale), ay = int32_t(ys[ia] * scale);
     const int32_t bx = int32_t(xs[ib] * scale), by = int32_t(ys[ib] * scale);
     const int32_t cx = int32_t(xs[ic] * scale), cy = int32_t(ys[ic] * scale);
+#endif
     const int64_t cross = int64_t(bx - ax) * (cy - ay) - int64_t(by - ay) * (cx - ax);
     if (cross == 0) return; // no area, no pixel centre inside
     const bool midRight = cross > 0;
