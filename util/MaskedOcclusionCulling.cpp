@@ -132,9 +132,9 @@ constexpr int32_t kSubpixelHalf = kSubpixelOne / 2;
 static_assert(int64_t(kCoordLimit) * kSubpixelOne * 2 * kSubpixelOne * 2 < (int64_t(1) << 31), "remainder range");
 
 // Events hold the pixel column in the integer field and no fraction; the
-// exact remainder of the crossing lives beside them in `remainder`.
-// The remainder is kept less the denominator, in [-denominator, 0), so that
-// its sign alone tells whether a step carries.
+// exact remainder of the crossing lives beside them in `remainder`, kept less
+// the denominator (in [-denominator, 0)) so that its sign alone tells whether
+// a step carries.
 struct Edge {
     int32_t yTop, yBottom; // pixel rows [yTop, yBottom) whose centres it spans
     int4 event;
