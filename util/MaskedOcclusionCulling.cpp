@@ -131,86 +131,186 @@ constexpr int32_t kSubpixelOne = 1 << kSubpixelBits;
 constexpr int32_t kSubpixelHalf = kSubpixelOne / 2;
 static_assert(int64_t(kCoordLimit) * kSubpixelOne * 2 * kSubpixelOne * 2 < (int64_t(1) << 31), "remainder range");
 
-// Floor division for a positive denominator, |num| < 2^52: the quotient in
-// double precision is within one of the floor (integer division is several
-// times slower), and the remainder corrects it.
-ZELK_INLINE int64_t floorDiv(int64_t num, int64_t den) {
-    int64_t q = int64_t(std::floor(double(num) / double(den)));
-    const int64_t r = num - q * den;
-    if (r < 0) --q;
-    if (r >= den) ++q;
-    return q;
-}
-
 // Events hold the pixel column in the integer field and no fraction; the
-// exact remainder of the crossing lives beside them in `remainder`.
+// exact remainder of the crossing lives beside them in `remainder`, kept less
+// the denominator (in [-denominator, 0)) so that its sign alone tells whether
+// a step carries.
 struct Edge {
-    int32_t yTop, yBottom;  // pixel rows [yTop, yBottom) whose centres it spans
-    int64_t startNumerator; // numerator of the first covered column at row 0
-    int64_t rowNumerator;   // its change per row
-    int32_t denominator;
-    int32_t rowQuotient, rowRemainder; // one row's change, divided
-    int32_t stepRemainder;
+    int32_t yTop, yBottom; // pixel rows [yTop, yBottom) whose centres it spans
     int4 event;
-    int4 remainder; // numerator - column * denominator, in [0, denominator)
-    int4 step;      // four rows, column part
+    int4 remainder;     // numerator - (column + 1) * denominator
+    int4 step;          // four rows, column part, plus one column
+    int4 stepRemainder; // four rows, remainder part
+    int4 denominator;
     int4 outside;
 };
 
-ZELK_INLINE void setupEdge(Edge& e, int32_t ux, int32_t uy, int32_t lx, int32_t ly, int32_t outside,
-                           bool includeBottom) {
-    // Coordinates carry kSubpixelBits fraction bits. Pixel i of row j is
-    // right of the edge when its centre is at or right of the crossing:
-    //   i >= ((ux - h) dy + (S j + h - uy) dx) / (S dy), S = 2^bits, h = S/2.
-    // A row counts when its centre lies below the upper vertex and above the
-    // lower one; a centre level with the lower vertex counts only for the
-    // upper short edge, so centres on horizontal edges are never covered.
-    const int32_t dx = lx - ux, dy = ly - uy;
-    e.yTop = ((uy - kSubpixelHalf) >> kSubpixelBits) + 1;
-    e.yBottom = includeBottom ? ((ly - kSubpixelHalf) >> kSubpixelBits) + 1 : (ly + kSubpixelHalf - 1) >> kSubpixelBits;
-    e.denominator = dy > 0 ? dy * kSubpixelOne : 1;
-    e.rowNumerator = int64_t(dx) * kSubpixelOne;
-    e.startNumerator = int64_t(ux - kSubpixelHalf) * dy + int64_t(kSubpixelHalf - uy) * dx + e.denominator - 1;
-    e.outside = common::splatInt(outside);
-    e.event = e.outside;
-    e.remainder = common::splatInt(0);
-    e.step = common::splatInt(0);
-    e.rowQuotient = e.rowRemainder = e.stepRemainder = 0;
-    if (dy > 0) {
-        // S dx / (S dy): the quotient of dx / dy, the remainder scaled by S.
-        const int32_t q = int32_t(floorDiv(dx, dy));
-        e.rowQuotient = q;
-        e.rowRemainder = (dx - q * dy) * kSubpixelOne;
-        const int64_t q4 = floorDiv(4 * e.rowNumerator, e.denominator);
-        e.step = common::splatInt(int32_t(uint32_t(q4) << kEventFracBits));
-        e.stepRemainder = int32_t(4 * e.rowNumerator - q4 * e.denominator);
-    }
+// Exact floor quotient and remainder of num / den (den > 0) from an estimate q
+// that is the floor or one more. Products wrap in 32 bits, but the true
+// remainder lies in [-den, den) and den < 2^30, so the wrapped one is exact.
+ZELK_INLINE void fixQuotient(int4 num, int4 den, int4& q, int4& r) {
+    r = num - q * den;
+    const int4 low = common::shiftRightArithmetic<31>(r);
+    q = q + low; // -1 where low
+    r = r + (den & low);
 }
 
-ZELK_INLINE void startEdge(Edge& e, int32_t firstRow) {
-    const int64_t num = e.startNumerator + int64_t(firstRow) * e.rowNumerator;
-    const int64_t q0 = floorDiv(num, e.denominator);
-    // Rows 1-3 step from row 0 (the carry without a branch: it is
-    // unpredictable). Rows the edge does not span may wrap; they are replaced
-    // by e.outside.
-    int32_t q[4], r[4];
-    q[0] = int32_t(uint32_t(q0));
-    r[0] = int32_t(num - q0 * e.denominator);
+// The edges of a batch's four triangles, set up together (one triangle per
+// lane) and picked up per triangle: 0 long (a-c), 1 upper (a-b), 2 lower
+// (b-c), with the vertices sorted by y (a on top, c at the bottom).
+struct EdgeBatch {
+    int4 event[3][4]; // [edge][triangle]: its first tile row's four rows
+    int4 remainder[3][4];
+    alignas(16) int32_t yTop[3][4];
+    alignas(16) int32_t yBottom[3][4];
+    alignas(16) int32_t step[3][4];
+    alignas(16) int32_t stepRemainder[3][4];
+    alignas(16) int32_t denominator[3][4];
+    alignas(16) int32_t x[3][4]; // [vertex][triangle], sorted by y
+    alignas(16) int32_t y[3][4];
+};
+
+// One edge of each lane's triangle, from (ux, uy) down to (lx, ly), starting
+// on pixel row firstRow (a tile row's first). Coordinates carry
+// kSubpixelBits fraction bits. Pixel i of row j is right of the edge when its
+// centre is at or right of the crossing:
+//   i >= ((ux - h) dy + (S j + h - uy) dx) / (S dy), S = 2^bits, h = S/2.
+// A row counts when its centre lies below the upper vertex and above the
+// lower one; a centre level with the lower vertex counts only for the upper
+// short edge (includeBottom), so centres on horizontal edges are never
+// covered.
+//
+// Float estimates of the quotients are corrected by exact integer remainders:
+// no division in the integers and no 64-bit lanes.
+ZELK_INLINE void setupEdgeLanes(EdgeBatch& out, int e, int4 ux, int4 uy, int4 lx, int4 ly, bool includeBottom,
+                                int4 firstRow) {
+    const int4 zero = common::splatInt(0), one = common::splatInt(1), half = common::splatInt(kSubpixelHalf);
+    const int4 dx = lx - ux, dy = ly - uy; // |dx|, dy < 2^21
+    const int4 yTop = common::shiftRightArithmetic<kSubpixelBits>(uy - half) + one;
+    const int4 yBottom = includeBottom ? common::shiftRightArithmetic<kSubpixelBits>(ly - half) + one
+                                       : common::shiftRightArithmetic<kSubpixelBits>(ly + half - one);
+    // Horizontal edges span no row; any denominator keeps their lanes tame.
+    const int4 spans = common::cmpGt(dy, zero);
+    const int4 divisor = common::select(spans, dy, one);
+    const int4 den = common::shiftLeft<kSubpixelBits>(divisor);
+    const float4 inv = common::splat(1.0f) / common::toFloat(divisor);
+
+    // One row moves the crossing by dx / dy, four rows by 4 dx / dy: both
+    // numerators are exact floats, so the estimates are within half a unit
+    // and round to the floor or one more.
+    int4 rowQuotient = common::roundToInt(common::toFloat(dx) * inv), rowRemainder;
+    fixQuotient(dx, divisor, rowQuotient, rowRemainder);
+    const int4 dx4 = common::shiftLeft<2>(dx);
+    int4 stepQuotient = common::roundToInt(common::toFloat(dx4) * inv), stepRemainder;
+    fixQuotient(dx4, divisor, stepQuotient, stepRemainder);
+    rowRemainder = common::shiftLeft<kSubpixelBits>(rowRemainder);
+
+    // The first row. Rows the edge will use lie at most four above its upper
+    // vertex, so there the float numerator is within 2^21 of the true one and
+    // the first estimate leaves a remainder that 32 bits hold; a second
+    // estimate of its quotient rounds to the floor or one more. Rows it never
+    // uses may come out wrong; they are replaced by `outside`.
+    const int4 below = common::shiftLeft<kSubpixelBits>(firstRow) + half - uy;
+    const int4 left = ux - half;
+    const int4 num = (left * dy + below * dx) + (den - one);
+    const float4 invDen = inv * common::splat(1.0f / float(kSubpixelOne));
+    const float4 numEstimate =
+        (common::toFloat(left) * common::toFloat(dy) + common::toFloat(below) * common::toFloat(dx)) +
+        common::toFloat(den);
+    int4 q = common::roundToInt(numEstimate * invDen), r;
+    r = num - q * den;
+    q = q + common::roundToInt(common::toFloat(r) * invDen);
+    fixQuotient(num, den, q, r);
+
+    // Rows 1-3 of the first tile row step from row 0 (remainders less den:
+    // a sum that stays negative did not carry); then rows x lanes become
+    // lanes x rows.
+    int4 qs[4], rs[4];
+    qs[0] = q;
+    rs[0] = r - den;
+    const int4 rowQuotientPlusOne = rowQuotient + one;
     for (int k = 1; k < 4; ++k) {
-        const int32_t sum = r[k - 1] + e.rowRemainder;
-        const int32_t carry = sum >= e.denominator;
-        q[k] = int32_t(uint32_t(q[k - 1]) + uint32_t(e.rowQuotient + carry));
-        r[k] = sum - carry * e.denominator;
+        const int4 sum = rs[k - 1] + rowRemainder;
+        const int4 noCarry = common::shiftRightArithmetic<31>(sum);
+        qs[k] = (qs[k - 1] + rowQuotientPlusOne) + noCarry;
+        rs[k] = sum - common::andNot(den, noCarry);
     }
-    e.event = common::shiftLeft<kEventFracBits>(common::makeInt4(q[0], q[1], q[2], q[3]));
-    e.remainder = common::makeInt4(r[0], r[1], r[2], r[3]);
+    float4 q0 = common::asFloat(common::shiftLeft<kEventFracBits>(qs[0]));
+    float4 q1 = common::asFloat(common::shiftLeft<kEventFracBits>(qs[1]));
+    float4 q2 = common::asFloat(common::shiftLeft<kEventFracBits>(qs[2]));
+    float4 q3 = common::asFloat(common::shiftLeft<kEventFracBits>(qs[3]));
+    float4 r0 = common::asFloat(rs[0]), r1 = common::asFloat(rs[1]), r2 = common::asFloat(rs[2]),
+           r3 = common::asFloat(rs[3]);
+    common::transpose(q0, q1, q2, q3);
+    common::transpose(r0, r1, r2, r3);
+    out.event[e][0] = common::asInt(q0);
+    out.event[e][1] = common::asInt(q1);
+    out.event[e][2] = common::asInt(q2);
+    out.event[e][3] = common::asInt(q3);
+    out.remainder[e][0] = common::asInt(r0);
+    out.remainder[e][1] = common::asInt(r1);
+    out.remainder[e][2] = common::asInt(r2);
+    out.remainder[e][3] = common::asInt(r3);
+    common::storeInt4(out.yTop[e], yTop);
+    common::storeInt4(out.yBottom[e], yBottom);
+    common::storeInt4(out.step[e], common::shiftLeft<kEventFracBits>((stepQuotient & spans) + one));
+    common::storeInt4(out.stepRemainder[e], common::shiftLeft<kSubpixelBits>(stepRemainder) & spans);
+    common::storeInt4(out.denominator[e], den);
 }
+
+// The three edges of a batch's triangles, with their vertices on the sub-pixel
+// grid sorted by y (a swap only where strictly above). Each edge starts
+// on the first tile row that uses it: the triangle's first one (firstRow),
+// or for the lower edge the one holding its first row.
+ZELK_INLINE void setupEdgeBatch(EdgeBatch& out, const float4 xs[3], const float4 ys[3], int4 firstRow) {
+    const float4 scale = common::splat(float(kSubpixelOne));
+    int4 x[3], y[3];
+    for (int k = 0; k < 3; ++k) {
+        x[k] = common::truncToInt(xs[k] * scale);
+        y[k] = common::truncToInt(ys[k] * scale);
+    }
+    const auto order = [&x, &y](int i, int j) {
+        const int4 swap = common::cmpLt(y[j], y[i]);
+        const int4 xi = x[i], yi = y[i];
+        x[i] = common::select(swap, x[j], xi);
+        y[i] = common::select(swap, y[j], yi);
+        x[j] = common::select(swap, xi, x[j]);
+        y[j] = common::select(swap, yi, y[j]);
+    };
+    order(0, 1);
+    order(1, 2);
+    order(0, 1);
+    for (int k = 0; k < 3; ++k) {
+        common::storeInt4(out.x[k], x[k]);
+        common::storeInt4(out.y[k], y[k]);
+    }
+    setupEdgeLanes(out, 0, x[0], y[0], x[2], y[2], false, firstRow);
+    setupEdgeLanes(out, 1, x[0], y[0], x[1], y[1], true, firstRow);
+    const int4 lowerTop = common::shiftRightArithmetic<kSubpixelBits>(y[1] - common::splatInt(kSubpixelHalf));
+    const int4 lowerRow = common::max(common::shiftRightArithmetic<kTileHeightShift>(firstRow),
+                                      common::shiftRightArithmetic<kTileHeightShift>(lowerTop + common::splatInt(1)));
+    setupEdgeLanes(out, 2, x[1], y[1], x[2], y[2], false, common::shiftLeft<kTileHeightShift>(lowerRow));
+}
+
+ZELK_INLINE void loadEdge(Edge& edge, const EdgeBatch& batch, int e, int lane, int32_t outside) {
+    edge.yTop = batch.yTop[e][lane];
+    edge.yBottom = batch.yBottom[e][lane];
+    edge.event = batch.event[e][lane];
+    edge.remainder = batch.remainder[e][lane];
+    edge.step = common::splatInt(batch.step[e][lane]);
+    edge.stepRemainder = common::splatInt(batch.stepRemainder[e][lane]);
+    edge.denominator = common::splatInt(batch.denominator[e][lane]);
+    edge.outside = common::splatInt(outside);
+}
+
+// Edges start where they are set up.
+ZELK_INLINE void startEdge(Edge&, int32_t) {}
 
 ZELK_INLINE void advanceEdge(Edge& e) {
-    const int4 remainder = e.remainder + common::splatInt(e.stepRemainder);
-    const int4 carry = common::cmpGe(remainder, common::splatInt(e.denominator));
-    e.remainder = remainder - (carry & common::splatInt(e.denominator));
-    e.event = e.event + e.step + (carry & common::splatInt(1 << kEventFracBits));
+    const int4 remainder = e.remainder + e.stepRemainder;
+    const int4 noCarry = common::shiftRightArithmetic<31>(remainder);
+    e.remainder = remainder - common::andNot(e.denominator, noCarry);
+    e.event = (e.event + e.step) + common::shiftLeft<kEventFracBits>(noCarry);
 }
 #else
 // One triangle edge, walked down the tile rows it spans.
@@ -329,11 +429,20 @@ private:
 
     int ClipTriangleAndAddToBuffer(float4 vX[3], float4 vY[3], float4 vW[3], ClippedTriangle* ring, int& writeIndex,
                                    unsigned& laneMask, unsigned clipLanes, ClipPlanes clipPlaneMask) const;
-    int projectAndRasterize(float4 vX[3], float4 vY[3], float4 vW[3], unsigned laneMask, BackfaceWinding winding);
+    template <bool kReciprocalInZ>
+    int renderTriangles(const float* vertices, const uint16_t* triangles, int triangleCount, const float* modelToClip,
+                        BackfaceWinding winding, ClipPlanes clipPlaneMask, const VertexLayout& layout);
+    int projectAndRasterize(float4 vX[3], float4 vY[3], float4 vW[3], const float4* reciprocals, unsigned laneMask,
+                            BackfaceWinding winding);
     int RasterizeTriangleBatch(float4 pVtxX[3], float4 pVtxY[3], float4 pVtxZ[3], unsigned laneMask,
                                const ScissorRect& scissor);
     void rasterizeTriangle(const float* xs, const float* ys, const float* zs, float zx, float zy, int32_t bbMinX,
-                           int32_t bbMaxX, int32_t bbMinY, int32_t bbMaxY);
+                           int32_t bbMaxX, int32_t bbMinY, int32_t bbMaxY
+#if ZELK_CONSERVATIVE
+                           ,
+                           const EdgeBatch& batch, int lane
+#endif
+    );
     template <int NRight, int NLeft> void TraverseScanline(int first, int end, int rowBase, int rightIdx, int leftIdx,
                                                            const int4* events, const float4& zTriMin,
                                                            const float4& zTriMax, const float4& iz0, float zx);
@@ -525,19 +634,28 @@ int MaskedOcclusionCullingPrivate::ClipTriangleAndAddToBuffer(float4 vX[3], floa
     return emitted;
 }
 
-int MaskedOcclusionCullingPrivate::projectAndRasterize(float4 vX[3], float4 vY[3], float4 vW[3], unsigned laneMask,
+// reciprocals: 1/w of each vertex when the caller has them (conservative
+// build only), else null.
+int MaskedOcclusionCullingPrivate::projectAndRasterize(float4 vX[3], float4 vY[3], float4 vW[3],
+                                                       [[maybe_unused]] const float4* reciprocals, unsigned laneMask,
                                                        BackfaceWinding winding) {
     float4 sx[3], sy[3], sz[3];
+#if ZELK_CONSERVATIVE
+    // Sub-pixel positions on the rasteriser's fixed-point grid; a true
+    // division puts every backend on the same grid point.
+    float4 exact[3];
+    if (reciprocals != nullptr) {
+        for (int k = 0; k < 3; ++k) exact[k] = reciprocals[k];
+    } else {
+        for (int k = 0; k < 3; ++k) exact[k] = common::splat(1.0f) / vW[k];
+    }
+    const float4 scale = common::splat(float(kSubpixelOne)), step = common::splat(1.0f / float(kSubpixelOne));
+#endif
     for (int k = 0; k < 3; ++k) {
         const float4 r = common::rcp(vW[k]);
 #if ZELK_CONSERVATIVE
-        // Sub-pixel positions on the rasteriser's fixed-point grid; a true
-        // division puts every backend on the same grid point.
-        static const float4 kScale = common::splat(float(kSubpixelOne));
-        static const float4 kStep = common::splat(1.0f / float(kSubpixelOne));
-        const float4 exact = common::splat(1.0f) / vW[k];
-        sx[k] = common::roundNearest((centerX + (vX[k] * halfWidth) * exact) * kScale) * kStep;
-        sy[k] = common::roundNearest((centerY + (vY[k] * halfHeight) * exact) * kScale) * kStep;
+        sx[k] = common::roundNearest((centerX + (vX[k] * halfWidth) * exact[k]) * scale) * step;
+        sy[k] = common::roundNearest((centerY + (vY[k] * halfHeight) * exact[k]) * scale) * step;
 #else
         sx[k] = common::roundNearest(centerX + (vX[k] * halfWidth) * r);
         sy[k] = common::roundNearest(centerY + (vY[k] * halfHeight) * r);
@@ -556,23 +674,6 @@ int MaskedOcclusionCullingPrivate::projectAndRasterize(float4 vX[3], float4 vY[3
         sy[2] = common::select(positive, y1, sy[2]);
         sz[2] = common::select(positive, z1, sz[2]);
     }
-#if ZELK_CONSERVATIVE
-    {
-        // A triangle whose bounding box holds no pixel centre covers none:
-        // most sub-pixel triangles (those snapping would flatten) end here.
-        static const int4 kBelowHalf = common::splatInt(kSubpixelHalf - 1);
-        static const int4 kHalf = common::splatInt(kSubpixelHalf);
-        const auto centres = [](const float4* v) {
-            const float4 scale = common::splat(float(kSubpixelOne));
-            const int4 lo = common::truncToInt(common::min(common::min(v[0], v[1]), v[2]) * scale);
-            const int4 hi = common::truncToInt(common::max(common::max(v[0], v[1]), v[2]) * scale);
-            // First centre at or after lo, last at or before hi (whole pixels).
-            return common::cmpGe(common::shiftRightArithmetic<kSubpixelBits>(hi - kHalf),
-                                 common::shiftRightArithmetic<kSubpixelBits>(lo + kBelowHalf));
-        };
-        laneMask &= common::signMask(centres(sx) & centres(sy));
-    }
-#endif
     const unsigned positiveBits = common::signMask(positive);
     if (unsigned(winding) & 2u) laneMask &= ~positiveBits;
     if (unsigned(winding) & 1u) laneMask &= positiveBits;
@@ -581,6 +682,15 @@ int MaskedOcclusionCullingPrivate::projectAndRasterize(float4 vX[3], float4 vY[3
 }
 
 int MaskedOcclusionCullingPrivate::RenderTriangles(const float* vertices, const uint16_t* triangles, int triangleCount,
+                                                   const float* modelToClip, BackfaceWinding winding,
+                                                   ClipPlanes clipPlaneMask, const VertexLayout& layout) {
+    return renderTriangles<false>(vertices, triangles, triangleCount, modelToClip, winding, clipPlaneMask, layout);
+}
+
+// kReciprocalInZ: packed vertices carry 1/w in place of z (the four-argument
+// form's own buffer); triangles drawn without clipping use it.
+template <bool kReciprocalInZ>
+int MaskedOcclusionCullingPrivate::renderTriangles(const float* vertices, const uint16_t* triangles, int triangleCount,
                                                    const float* modelToClip, BackfaceWinding winding,
                                                    ClipPlanes clipPlaneMask, const VertexLayout& layout) {
     const bool packed = layout.stride == 16 && layout.offsetY == 4 && layout.offsetW == 12;
@@ -592,7 +702,7 @@ int MaskedOcclusionCullingPrivate::RenderTriangles(const float* vertices, const 
     for (int64_t first = 0; first < triangleCount; first += 4) {
         const int count = triangleCount - first < 4 ? int(triangleCount - first) : 4;
         const uint16_t* batch = triangles + size_t(first) * 3;
-        float4 vX[3], vY[3], vW[3];
+        float4 vX[3], vY[3], vW[3], vR[3];
         if (packed) {
             for (int k = 0; k < 3; ++k) {
                 // Absent lanes repeat lane 0; they are masked off below.
@@ -605,6 +715,7 @@ int MaskedOcclusionCullingPrivate::RenderTriangles(const float* vertices, const 
                 vX[k] = rows[0];
                 vY[k] = rows[1];
                 vW[k] = rows[3];
+                vR[k] = rows[2];
             }
         } else {
             for (int k = 0; k < 3; ++k) vX[k] = vY[k] = vW[k] = common::zero4();
@@ -624,7 +735,8 @@ int MaskedOcclusionCullingPrivate::RenderTriangles(const float* vertices, const 
         if ((unsigned(clipPlaneMask) & unsigned(ClipAll)) != 0) {
             clipped = ClipTriangleAndAddToBuffer(vX, vY, vW, ring, writeIndex, laneMask, laneMask, clipPlaneMask);
         }
-        if (laneMask != 0) result &= projectAndRasterize(vX, vY, vW, laneMask, winding);
+        if (laneMask != 0)
+            result &= projectAndRasterize(vX, vY, vW, kReciprocalInZ && packed ? vR : nullptr, laneMask, winding);
 
         // Drain what clipping produced; a ring overrun (only with degenerate
         // rounding) loses the oldest triangles, which only leaves things visible.
@@ -640,7 +752,7 @@ int MaskedOcclusionCullingPrivate::RenderTriangles(const float* vertices, const 
                 vY[k] = rows[1];
                 vW[k] = rows[2];
             }
-            result &= projectAndRasterize(vX, vY, vW, (1u << n) - 1u, winding);
+            result &= projectAndRasterize(vX, vY, vW, nullptr, (1u << n) - 1u, winding);
             readIndex = (readIndex + n) & (kRingSize - 1);
             clipped -= n;
         }
@@ -679,8 +791,21 @@ int MaskedOcclusionCullingPrivate::RenderTriangles(const float* vertices, const 
     }
     if (needed > count) std::memset(transformed + 4 * count, 0, (needed - count) * 4 * sizeof(float));
 
+#if ZELK_CONSERVATIVE
+    // Projection needs the exact 1/w; a vertex shared by several triangles
+    // divides once here, four at a time, into the z slot (unused otherwise).
+    size_t i = 0;
+    for (; i + 4 <= needed; i += 4) {
+        float* v = transformed + 4 * i;
+        alignas(16) float r[4];
+        common::store4(r, common::splat(1.0f) / common::make4(v[3], v[7], v[11], v[15]));
+        v[2] = r[0], v[6] = r[1], v[10] = r[2], v[14] = r[3];
+    }
+    for (; i < needed; ++i) transformed[4 * i + 2] = 1.0f / transformed[4 * i + 3];
+#endif
     static const VertexLayout kPacked = {16, 4, 12};
-    return RenderTriangles(transformed, indices, triangleCount, nullptr, WindingKeepPositive, ClipAll, kPacked);
+    return renderTriangles<ZELK_CONSERVATIVE != 0>(transformed, indices, triangleCount, nullptr, WindingKeepPositive,
+                                                   ClipAll, kPacked);
 }
 
 // ---------------------------------------------------------------- rasterization
@@ -705,6 +830,22 @@ int MaskedOcclusionCullingPrivate::RasterizeTriangleBatch(float4 pVtxX[3], float
     const int4 rows =
         common::shiftRightArithmetic<kTileHeightShift>(bbMaxY) - common::shiftRightArithmetic<kTileHeightShift>(bbMinY);
     const int4 zero = common::splatInt(0);
+#if ZELK_CONSERVATIVE
+    {
+        // A triangle whose bounding box holds no pixel centre covers none:
+        // most sub-pixel triangles (those snapping would flatten) end here.
+        static const float4 kScale = common::splat(float(kSubpixelOne));
+        static const int4 kBelowHalf = common::splatInt(kSubpixelHalf - 1);
+        static const int4 kHalf = common::splatInt(kSubpixelHalf);
+        const auto centres = [](float4 low, float4 high) {
+            const int4 lo = common::truncToInt(low * kScale), hi = common::truncToInt(high * kScale);
+            // First centre at or after lo, last at or before hi (whole pixels).
+            return common::cmpGe(common::shiftRightArithmetic<kSubpixelBits>(hi - kHalf),
+                                 common::shiftRightArithmetic<kSubpixelBits>(lo + kBelowHalf));
+        };
+        laneMask &= common::signMask(centres(fMinX, fMaxX) & centres(fMinY, fMaxY));
+    }
+#endif
     laneMask &= common::signMask(common::cmpGt(columns, zero) & common::cmpGt(rows, zero));
     if (laneMask == 0) return OutsideView;
 
@@ -732,6 +873,10 @@ int MaskedOcclusionCullingPrivate::RasterizeTriangleBatch(float4 pVtxX[3], float
     zx = common::select(steep, common::zero4(), zx);
     zy = common::select(steep, common::zero4(), zy);
 
+#if ZELK_CONSERVATIVE
+    EdgeBatch edgeBatch;
+    setupEdgeBatch(edgeBatch, pVtxX, pVtxY, bbMinY);
+#endif
     alignas(16) float xs[3][4], ys[3][4], zs[3][4], zxs[4], zys[4];
     alignas(16) int32_t minXs[4], maxXs[4], minYs[4], maxYs[4], steeps[4];
     for (int k = 0; k < 3; ++k) {
@@ -756,27 +901,40 @@ int MaskedOcclusionCullingPrivate::RasterizeTriangleBatch(float4 pVtxX[3], float
             const float zMin = z[0] < z[1] ? (z[0] < z[2] ? z[0] : z[2]) : (z[1] < z[2] ? z[1] : z[2]);
             z[0] = z[1] = z[2] = zMin;
         }
-        rasterizeTriangle(x, y, z, zxs[lane], zys[lane], minXs[lane], maxXs[lane], minYs[lane], maxYs[lane]);
+        rasterizeTriangle(x, y, z, zxs[lane], zys[lane], minXs[lane], maxXs[lane], minYs[lane], maxYs[lane]
+#if ZELK_CONSERVATIVE
+                          ,
+                          edgeBatch, lane
+#endif
+        );
     }
     return Visible;
 }
 
 void MaskedOcclusionCullingPrivate::rasterizeTriangle(const float* xs, const float* ys, const float* zs, float zx,
                                                       float zy, int32_t bbMinX, int32_t bbMaxX, int32_t bbMinY,
-                                                      int32_t bbMaxY) {
+                                                      int32_t bbMaxY
+#if ZELK_CONSERVATIVE
+                                                      ,
+                                                      const EdgeBatch& batch, int lane
+#endif
+) {
+#if ZELK_CONSERVATIVE
+    // Sorted by y on the sub-pixel grid with the batch's edges.
+    const int32_t ax = batch.x[0][lane], ay = batch.y[0][lane];
+    const int32_t bx = batch.x[1][lane], by = batch.y[1][lane];
+    const int32_t cx = batch.x[2][lane], cy = batch.y[2][lane];
+#else
     // Sort by y: a on top, c at the bottom.
     int ia = 0, ib = 1, ic = 2;
     if (ys[ib] < ys[ia]) std::swap(ia, ib);
     if (ys[ic] < ys[ib]) std::swap(ib, ic);
     if (ys[ib] < ys[ia]) std::swap(ia, ib);
-#if ZELK_CONSERVATIVE
-    const float scale = float(kSubpixelOne); // positions lie on this grid already
-#else
     const float scale = 1.0f;
-#endif
     const int32_t ax = int32_t(xs[ia] * scale), ay = int32_t(ys[ia] * scale);
     const int32_t bx = int32_t(xs[ib] * scale), by = int32_t(ys[ib] * scale);
     const int32_t cx = int32_t(xs[ic] * scale), cy = int32_t(ys[ic] * scale);
+#endif
     const int64_t cross = int64_t(bx - ax) * (cy - ay) - int64_t(by - ay) * (cx - ax);
     if (cross == 0) return; // no area, no pixel centre inside
     const bool midRight = cross > 0;
@@ -792,9 +950,15 @@ void MaskedOcclusionCullingPrivate::rasterizeTriangle(const float* xs, const flo
     // Either way the event is far right when the middle vertex is on the
     // right (long edge left), far left otherwise.
     const int32_t outside = midRight ? kEventFar : -kEventFar;
+#if ZELK_CONSERVATIVE
+    loadEdge(longEdge, batch, 0, lane, outside);
+    loadEdge(upper, batch, 1, lane, outside);
+    loadEdge(lower, batch, 2, lane, outside);
+#else
     setupEdge(longEdge, ax, ay, cx, cy, outside, false);
     setupEdge(upper, ax, ay, bx, by, outside, true);
     setupEdge(lower, bx, by, cx, cy, outside, false);
+#endif
     const int rightIdx = 0, leftIdx = midRight ? 2 : 1;
 
     // Depth at the farthest corner of each 8x4 subtile, as a plane over tile
