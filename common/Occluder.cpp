@@ -49,6 +49,7 @@ std::shared_ptr<Occluder> Occluder::bake(const std::vector<float4>& vertices, fl
     const float4 scale = splat(1.0f) / (refMax - refMin);
     const size_t batches = (kept.size() + 3) / 4;
     occluder->packedVertices.resize(4 * batches);
+    if (ZELK_CONSERVATIVE) occluder->exactCorners.resize(12 * batches);
     for (size_t b = 0; b < batches; ++b) {
         const float4* quads[4];
         for (size_t j = 0; j < 4; ++j) {
@@ -59,6 +60,14 @@ std::shared_ptr<Occluder> Occluder::bake(const std::vector<float4>& vertices, fl
         for (size_t corner = 0; corner < 4; ++corner)
             occluder->packedVertices[4 * b + corner] =
                 packCorners(quads[0][corner], quads[1][corner], quads[2][corner], quads[3][corner], refMin, scale);
+        if (ZELK_CONSERVATIVE) {
+            for (size_t corner = 0; corner < 4; ++corner) {
+                float4 c[4] = {quads[0][corner], quads[1][corner], quads[2][corner], quads[3][corner]};
+                transpose(c[0], c[1], c[2], c[3]); // x, y, z, w of the four quads
+                for (size_t component = 0; component < 3; ++component)
+                    occluder->exactCorners[12 * b + 3 * corner + component] = c[component];
+            }
+        }
     }
 
     float4 lo = splat(INFINITY), hi = splat(-INFINITY);

@@ -18,6 +18,11 @@ struct Occluder {
     float4 boundsMin; // w = 1
     float4 boundsMax; // w = 1
     std::vector<int4> packedVertices;
+    // Conservative builds only: the same corners unquantised, x, y and z of a
+    // batch's four quads per corner (twelve vectors a batch). Rounding to the
+    // packed grid moves edges and depths by up to half a step of the box, which
+    // on a whole game level is several pixels near the camera.
+    std::vector<float4> exactCorners;
 
     // vertices: four per quad (a count that is not a multiple of four loses
     // its tail). Zero-area quads are dropped; a last partial batch repeats its

@@ -318,6 +318,17 @@ template <bool possiblyNearClipped> void Rasterizer::rasterize(const Occluder& o
         {splatLane<2>(col0), splatLane<2>(col1), splatLane<2>(col2), splatLane<2>(col3)},
         {splatLane<3>(col0), splatLane<3>(col1), splatLane<3>(col2), splatLane<3>(col3)},
     };
+    // The same transform for unquantised corners (conservative builds).
+    const float4 s[4][4] = {
+        {splatLane<0>(t.screenColumns[0]), splatLane<0>(t.screenColumns[1]), splatLane<0>(t.screenColumns[2]),
+         splatLane<0>(t.screenColumns[3])},
+        {splatLane<1>(t.screenColumns[0]), splatLane<1>(t.screenColumns[1]), splatLane<1>(t.screenColumns[2]),
+         splatLane<1>(t.screenColumns[3])},
+        {splatLane<2>(t.screenColumns[0]), splatLane<2>(t.screenColumns[1]), splatLane<2>(t.screenColumns[2]),
+         splatLane<2>(t.screenColumns[3])},
+        {splatLane<3>(t.screenColumns[0]), splatLane<3>(t.screenColumns[1]), splatLane<3>(t.screenColumns[2]),
+         splatLane<3>(t.screenColumns[3])},
+    };
     const float4 twoS = splat(2.0f * depthScale());
     const float4 minW = splat(simd_detail::bitsFloat(kMinimumWBits));
 
@@ -404,11 +415,17 @@ template <bool possiblyNearClipped> void Rasterizer::rasterize(const Occluder& o
         float4 h[4][4]; // component (x*w, y*w, D*w, w), corner
         int4 inFront = splatInt(-1);
         for (int k = 0; k < 4; ++k) {
-            const int4 word = occluder.packedVertices[4 * b + size_t(k)];
-            const float4 qx = toFloat(shiftRightLogical<21>(word));
-            const float4 qy = toFloat(shiftRightLogical<10>(word) & splatInt(2047));
-            const float4 qz = toFloat(word & splatInt(1023));
-            for (int c = 0; c < 4; ++c) h[c][k] = ((qx * m[c][0] + qy * m[c][1]) + qz * m[c][2]) + m[c][3];
+            if (ZELK_CONSERVATIVE && occluder.exactCorners.size() == 3 * occluder.packedVertices.size()) {
+                const float4* corner = &occluder.exactCorners[12 * b + 3 * size_t(k)];
+                for (int c = 0; c < 4; ++c)
+                    h[c][k] = ((corner[0] * s[c][0] + corner[1] * s[c][1]) + corner[2] * s[c][2]) + s[c][3];
+            } else {
+                const int4 word = occluder.packedVertices[4 * b + size_t(k)];
+                const float4 qx = toFloat(shiftRightLogical<21>(word));
+                const float4 qy = toFloat(shiftRightLogical<10>(word) & splatInt(2047));
+                const float4 qz = toFloat(word & splatInt(1023));
+                for (int c = 0; c < 4; ++c) h[c][k] = ((qx * m[c][0] + qy * m[c][1]) + qz * m[c][2]) + m[c][3];
+            }
             // Behind the near plane (w + z >= 0, that is 2 s w >= D w) and w > 0.
             inFront = inFront & cmpGe(twoS * h[3][k], h[2][k]) & cmpGt(h[3][k], zero4());
         }
@@ -914,7 +931,11 @@ bool Rasterizer::testBox(float4 boundsMin, float4 boundsMax, bool& needsClipping
     const int minX = lane<0>(bounds), minY = lane<1>(bounds), maxX = lane<2>(bounds), maxY = lane<3>(bounds);
     if (minX > maxX || minY > maxY) return false;
     if (withFraction) screenFraction = float(unsigned(maxX - minX) * unsigned(maxY - minY)) / float(width * height);
-    const uint16_t depth = horizontalMax(packDepthPremultiplied(p[2][0] * r0, p[2][1] * r1));
+    uint16_t depth = horizontalMax(packDepthPremultiplied(p[2][0] * r0, p[2][1] * r1));
+    // Codes truncate, so a face lying on an occluder can share its code: two
+    // steps nearer than its nearest corner, a box hides only behind a surface
+    // that is really in front of it.
+    if (ZELK_CONSERVATIVE) depth = uint16_t(std::min(unsigned(depth) + 2u, 65535u));
     return query2D(unsigned(minX), unsigned(maxX), unsigned(minY), unsigned(maxY), depth);
 }
 
