@@ -355,7 +355,10 @@ template <bool possiblyNearClipped> void Rasterizer::rasterize(const Occluder& o
             default: return (cy + kGuard) * v[3] - v[1];
             }
         };
-        float polygon[2][8][4];
+        // A triangle cut by five planes keeps at most eight corners; rounding
+        // can only add more for slivers lying in a plane, which are dropped.
+        constexpr int kMaxCorners = 16;
+        float polygon[2][kMaxCorners][4];
         int n = 3;
         std::memcpy(polygon[0][0], c0, sizeof(float) * 4);
         std::memcpy(polygon[0][1], c1, sizeof(float) * 4);
@@ -365,6 +368,7 @@ template <bool possiblyNearClipped> void Rasterizer::rasterize(const Occluder& o
             float(*out)[4] = polygon[(plane + 1) & 1];
             int m = 0;
             for (int i = 0; i < n; ++i) {
+                if (m + 2 > kMaxCorners) return;
                 const float* a = in[i];
                 const float* b = in[i + 1 < n ? i + 1 : 0];
                 const float da = distance(a, plane), db = distance(b, plane);
@@ -384,7 +388,7 @@ template <bool possiblyNearClipped> void Rasterizer::rasterize(const Occluder& o
         }
         if (n < 3) return;
         const float(*clipped)[4] = polygon[1]; // after an odd number of planes
-        float v[8][3];
+        float v[kMaxCorners][3];
         for (int i = 0; i < n; ++i) {
             const float w = clipped[i][3], r = 1.0f / w; // as the unclipped corners are divided
             if (!(w > 0.0f) || !std::isfinite(clipped[i][0]) || !std::isfinite(clipped[i][1]) ||
