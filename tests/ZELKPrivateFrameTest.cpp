@@ -66,11 +66,9 @@ void cacheMesh(const Mesh& mesh) {
                                                         bakeFullDetail(mesh));
 }
 
-// A box of the given half sizes about centre, turned about a random axis (Rodrigues' formula).
-Mesh orientedBox(std::mt19937& rng, const Vec3& centre, const Vec3& half) {
+// The mesh (about the origin) turned about a random axis (Rodrigues' formula) and moved to centre.
+Mesh turned(std::mt19937& rng, Mesh mesh, const Vec3& centre) {
     std::uniform_real_distribution<double> unit(-1.0, 1.0);
-    Mesh mesh =
-        makeBox(float(-half[0]), float(-half[1]), float(-half[2]), float(half[0]), float(half[1]), float(half[2]));
     const Vec3 axis = normalized({unit(rng), unit(rng), unit(rng)});
     const double angle = 3.14159 * unit(rng), c = std::cos(angle), s = std::sin(angle);
     for (size_t v = 0; v < mesh.vertices.size(); v += 3) {
@@ -79,6 +77,13 @@ Mesh orientedBox(std::mt19937& rng, const Vec3& centre, const Vec3& half) {
             mesh.vertices[v + i] = float(p[i] * c + k[i] * s + axis[i] * dot(axis, p) * (1 - c) + centre[i]);
     }
     return mesh;
+}
+
+// A box of the given half sizes about centre, turned about a random axis.
+Mesh orientedBox(std::mt19937& rng, const Vec3& centre, const Vec3& half) {
+    return turned(
+        rng, makeBox(float(-half[0]), float(-half[1]), float(-half[2]), float(half[0]), float(half[1]), float(half[2])),
+        centre);
 }
 
 struct FrameFixture : ::testing::Test {
@@ -220,6 +225,15 @@ TEST_F(FrameFixture, RandomScenesNeverHideWhatAnExactBufferSees) {
         // A wall straddling the near plane, nearly edge-on; up is tilted so that clip w depends on every axis.
         meshes.push_back(
             orientedBox(rng, {eye[0] + f[0] * 0.5 + 1.5, eye[1] + f[1] * 0.5, eye[2] + f[2] * 0.5}, {0.05, 2, 2}));
+        // An open grid of 14 x 14 quads, both sides, tilted at random: fine geometry whose seams must stay shut.
+        std::mt19937 gridRng{uint32_t(scene)};
+        std::uniform_real_distribution<double> gridUnit(0.0, 1.0);
+        const float gridHalf = float(3 + 3 * gridUnit(gridRng));
+        Mesh grid = makeGrid(14, -gridHalf, -gridHalf, gridHalf, gridHalf, 0);
+        for (size_t t = 0, n = grid.indices.size(); t < n; t += 3)
+            grid.indices.insert(grid.indices.end(), {grid.indices[t], grid.indices[t + 2], grid.indices[t + 1]});
+        meshes.push_back(
+            turned(gridRng, grid, {16 * gridUnit(gridRng) - 8, 6 * gridUnit(gridRng) - 3, 16 * gridUnit(gridRng) - 8}));
         viewProjection = lookPerspective(eye, f, {0.3, 1, 0.2}, double(kWidth) / kHeight);
         ExactDepthBuffer exact(kWidth, kHeight), loose(kWidth, kHeight);
         std::vector<Submission> occluders;
@@ -281,12 +295,13 @@ TEST_F(FrameFixture, RandomScenesNeverHideWhatAnExactBufferSees) {
                     approximated[mode], mirrored[mode], wrong[mode]);
         EXPECT_EQ(0, wrong[mode]) << names[mode];
     }
-    // Measured on x86-64, of 1,775 truly hidden boxes: 85.4%, 93.4% and 89.4% in the default build; 85.4%, 94.6%
-    // and 90.1% in the conservative one (watertight exact coverage and the box's own columns).
+    // Measured on x86-64 (the conservative scalar build gives the same), of 1,890 truly hidden boxes: 85.3%, 93.9%
+    // and 90.5% in the default build; 85.2%, 95.0% and 91.1% in the conservative one (watertight exact coverage and the
+    // box's own columns).
     EXPECT_GT(hidden[0], 1500);
     EXPECT_GE(culled[0], hidden[0] * 82 / 100);
-    EXPECT_GE(culled[1], hidden[1] * (ZELK_CONSERVATIVE ? 93 : 90) / 100);
-    EXPECT_GE(culled[2], hidden[2] * (ZELK_CONSERVATIVE ? 88 : 86) / 100);
+    EXPECT_GE(culled[1], hidden[1] * (ZELK_CONSERVATIVE ? 94 : 90) / 100);
+    EXPECT_GE(culled[2], hidden[2] * (ZELK_CONSERVATIVE ? 89 : 86) / 100);
 }
 
 // A box seen through a sliver beside a slanted edge. On a 32 x 8 screen the quad's right edge runs from x = 7.6 (top)

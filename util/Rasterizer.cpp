@@ -80,27 +80,24 @@ struct Rasterizer::QuadSetup {
     int bx0, bx1, by0, by1;
 };
 
-// One quad's set-up for exact coverage, in units of the corner grid. Edge e is
-// E(p) = a (p.x - x0) + b (p.y - y0) + tie, positive on its inner side (the
-// right of its direction, y up). tie is 1 when that side faces +x, or +y for a
+// One quad's set-up for exact coverage, in units of the corner grid. The
+// edge from corner f to corner t is E(p) = a (p.x - x_f) + b (p.y - y_f) + tie
+// with a = y_t - y_f, b = x_f - x_t: positive on its inner side (the right of
+// its direction, y up). tie is 1 when that side faces +x, or +y for a
 // horizontal edge: a pixel centre on an edge belongs to the side that a step
 // of (1, epsilon) enters, which is one side for every pair of quads sharing
 // the edge, so the centre is covered exactly once.
 struct Rasterizer::ExactQuad {
-    struct Edge {
-        int64_t start;             // E at the centre of pixel (0, 0)
-        int64_t blockX, blockY;    // its change per block
-        int64_t low, high;         // least and greatest change from a block's first pixel to the others
-        int4 columnsLo, columnsHi; // change to columns 0-3 and 4-7 of a row
-        int4 rowStep;
-    };
-    Edge edges[2][4]; // per convex part: the quad, or its two triangles
+    int32_t x[4], y[4];
+    int from[2][4], to[2][4]; // the edges of each convex part: the quad, or its two triangles
     int edgeCount[2];
     int parts;
-    // The same per part in float, one lane per edge (a missing fourth edge
-    // excludes nothing), with a margin that covers their rounding: most blocks
-    // are settled without the exact values.
-    float4 startF[2], blockXF[2], blockYF[2], lowF[2], highF[2], margin[2];
+    // Per part, one lane per edge (a missing fourth edge excludes nothing):
+    // E at the centre of pixel (0, 0) and its change per block in float, the
+    // least and greatest change from a block's first pixel to the others, and
+    // a margin that covers the rounding, so that most blocks are settled
+    // without the exact values.
+    float4 start[2], blockX[2], blockY[2], low[2], high[2], margin[2];
     float depthOrigin, depthDx, depthDy, depthMax;
     uint16_t code;
     int bx0, bx1, by0, by1;
@@ -369,7 +366,10 @@ template <bool possiblyNearClipped> void Rasterizer::rasterize(const Occluder& o
             default: return (cy + kGuard) * v[3] - v[1];
             }
         };
-        float polygon[2][8][4];
+        // A triangle cut by five planes keeps at most eight corners; rounding
+        // can only add more for slivers lying in a plane, which are dropped.
+        constexpr int kMaxCorners = 16;
+        float polygon[2][kMaxCorners][4];
         int n = 3;
         std::memcpy(polygon[0][0], c0, sizeof(float) * 4);
         std::memcpy(polygon[0][1], c1, sizeof(float) * 4);
@@ -379,6 +379,7 @@ template <bool possiblyNearClipped> void Rasterizer::rasterize(const Occluder& o
             float(*out)[4] = polygon[(plane + 1) & 1];
             int m = 0;
             for (int i = 0; i < n; ++i) {
+                if (m + 2 > kMaxCorners) return;
                 const float* a = in[i];
                 const float* b = in[i + 1 < n ? i + 1 : 0];
                 const float da = distance(a, plane), db = distance(b, plane);
@@ -398,7 +399,7 @@ template <bool possiblyNearClipped> void Rasterizer::rasterize(const Occluder& o
         }
         if (n < 3) return;
         const float(*clipped)[4] = polygon[1]; // after an odd number of planes
-        float v[8][3];
+        float v[kMaxCorners][3];
         for (int i = 0; i < n; ++i) {
             const float w = clipped[i][3], r = 1.0f / w; // as the unclipped corners are divided
             if (!(w > 0.0f) || !std::isfinite(clipped[i][0]) || !std::isfinite(clipped[i][1]) ||
@@ -659,22 +660,31 @@ void Rasterizer::drawBatchExact(const ScreenBatch& q) {
     const float4 limit = splat(1.01f * kGuard), grid = splat(float(kSubpixel));
     const float4 cx = splat(0.5f * float(width)), cy = splat(0.5f * float(height));
     alignas(16) int32_t gx[4][4], gy[4][4]; // corner, quad
+    float4 fx[4], fy[4];                    // the same, exact in float
     for (int k = 0; k < 4; ++k) {
         usable = usable & cmpLe(abs(x[k] - cx), limit) & cmpLe(abs(y[k] - cy), limit);
-        storeInt4(gx[k], roundToInt(x[k] * grid));
-        storeInt4(gy[k], roundToInt(y[k] * grid));
+        const int4 ix = roundToInt(x[k] * grid), iy = roundToInt(y[k] * grid);
+        storeInt4(gx[k], ix);
+        storeInt4(gy[k], iy);
+        fx[k] = toFloat(ix);
+        fy[k] = toFloat(iy);
     }
     const unsigned drawn = signMask(usable);
     if (drawn == 0) return;
+    transpose(fx[0], fx[1], fx[2], fx[3]); // per quad, one lane per corner
+    transpose(fy[0], fy[1], fy[2], fy[3]);
     alignas(16) uint16_t codes[8];
     storeU16(codes, packDepthPremultiplied(plane.nearest));
 
     for (int j = 0; j < 4; ++j) {
         if (!(drawn & (1u << j))) continue;
+        ExactQuad s;
         int64_t X[4], Y[4];
         for (int k = 0; k < 4; ++k) {
-            X[k] = gx[k][j];
-            Y[k] = gy[k][j];
+            s.x[k] = gx[k][j];
+            s.y[k] = gy[k][j];
+            X[k] = s.x[k];
+            Y[k] = s.y[k];
         }
         // Pixels whose centres (c + 1/2 on the grid) lie within the corners' range.
         const int64_t half = kSubpixel / 2;
@@ -687,33 +697,11 @@ void Rasterizer::drawBatchExact(const ScreenBatch& q) {
         const int64_t r0 = std::max<int64_t>((minY - half + kSubpixel - 1) >> kSubpixelShift, 0);
         const int64_t r1 = std::min<int64_t>((maxY - half) >> kSubpixelShift, int64_t(height) - 1);
         if (c0 > c1 || r0 > r1) continue;
+        s.bx0 = int(c0 >> 3);
+        s.bx1 = int(c1 >> 3);
+        s.by0 = int(r0 >> 3);
+        s.by1 = int(r1 >> 3);
 
-        ExactQuad s;
-        s.parts = 0;
-        // Per part: start, blockX, blockY, low, high in float, one lane per edge.
-        alignas(16) float estimates[2][5][4] = {{{1e30f, 1e30f, 1e30f, 1e30f}}, {{1e30f, 1e30f, 1e30f, 1e30f}}};
-        const auto edge = [&](int from, int to) {
-            float(&f)[5][4] = estimates[s.parts];
-            const int k = s.edgeCount[s.parts]++;
-            ExactQuad::Edge& e = s.edges[s.parts][k];
-            const int64_t a = Y[to] - Y[from], b = X[from] - X[to];
-            const int64_t tie = a > 0 || (a == 0 && b > 0) ? 1 : 0;
-            e.start = a * (half - X[from]) + b * (half - Y[from]) + tie;
-            const int64_t stepX = a * kSubpixel, stepY = b * kSubpixel; // per pixel
-            e.blockX = 8 * stepX;
-            e.blockY = 8 * stepY;
-            e.low = std::min<int64_t>(0, 7 * stepX) + std::min<int64_t>(0, 7 * stepY);
-            e.high = std::max<int64_t>(0, 7 * stepX) + std::max<int64_t>(0, 7 * stepY);
-            const int4 step = splatInt(int32_t(stepX));
-            e.columnsLo = step * makeInt4(0, 1, 2, 3);
-            e.columnsHi = step * makeInt4(4, 5, 6, 7);
-            e.rowStep = splatInt(int32_t(stepY));
-            f[0][k] = float(e.start);
-            f[1][k] = float(e.blockX);
-            f[2][k] = float(e.blockY);
-            f[3][k] = float(e.low);
-            f[4][k] = float(e.high);
-        };
         // A quad whose corners all turn clockwise is convex and front-facing:
         // its four edges bound it. Any other is the union of its triangles
         // (c0 c1 c2) and (c0 c2 c3) that face the camera, which share the
@@ -723,42 +711,52 @@ void Rasterizer::drawBatchExact(const ScreenBatch& q) {
             const int kp = (k + 3) & 3, kn = (k + 1) & 3;
             convex = convex && (Y[k] - Y[kp]) * (X[kn] - X[k]) - (X[k] - X[kp]) * (Y[kn] - Y[k]) > 0;
         }
-        s.edgeCount[0] = s.edgeCount[1] = 0;
+        const float4 qx = fx[j], qy = fy[j];
+        const float4 blocksRight = splat(float(s.bx1 + 1)), blocksUp = splat(float(s.by1 + 1));
+        // Part p's edges from corners `from` to `to` (lane 3 of a triangle runs
+        // from corner 0 to itself and is made to exclude nothing).
+        const auto part = [&](float4 x0, float4 y0, float4 x1, float4 y1, const int(&from)[4], const int(&to)[4],
+                              int count) {
+            const int p = s.parts++;
+            for (int k = 0; k < 4; ++k) {
+                s.from[p][k] = from[k];
+                s.to[p][k] = to[k];
+            }
+            s.edgeCount[p] = count;
+            // Exact: the corners are integers below 2^21 and the steps powers of two.
+            const float4 a = y1 - y0, b = x0 - x1;
+            const float4 tie =
+                select(cmpGt(a, zero4()) | (cmpEq(a, zero4()) & cmpGt(b, zero4())), splat(1.0f), zero4());
+            const float4 half4 = splat(float(half)), seven = splat(float(7 * kSubpixel));
+            float4 start = (a * (half4 - x0) + b * (half4 - y0)) + tie;
+            s.blockX[p] = a * splat(float(8 * kSubpixel));
+            s.blockY[p] = b * splat(float(8 * kSubpixel));
+            s.low[p] = min(a * seven, zero4()) + min(b * seven, zero4());
+            s.high[p] = max(a * seven, zero4()) + max(b * seven, zero4());
+            const float4 size =
+                abs(start) + abs(s.blockX[p]) * blocksRight + abs(s.blockY[p]) * blocksUp + (s.high[p] - s.low[p]);
+            // A few roundings of terms no larger than these make the estimates.
+            s.margin[p] = size * splat(1.0f / 1048576.0f);
+            if (count == 3) {
+                const int4 pad = makeInt4(0, 0, 0, -1);
+                start = select(pad, splat(1e30f), start);
+                s.margin[p] = select(pad, zero4(), s.margin[p]);
+            }
+            s.start[p] = start;
+        };
+        s.parts = 0;
         if (convex) {
-            for (int k = 0; k < 4; ++k) edge(k, (k + 1) & 3);
-            s.parts = 1;
+            part(qx, qy, swizzle<1, 2, 3, 0>(qx), swizzle<1, 2, 3, 0>(qy), {0, 1, 2, 3}, {1, 2, 3, 0}, 4);
         } else {
             const int64_t first = (X[1] - X[0]) * (Y[2] - Y[0]) - (Y[1] - Y[0]) * (X[2] - X[0]);
             const int64_t second = (X[2] - X[0]) * (Y[3] - Y[0]) - (Y[2] - Y[0]) * (X[3] - X[0]);
-            if (first < 0) {
-                edge(0, 1);
-                edge(1, 2);
-                edge(2, 0);
-                ++s.parts;
-            }
-            if (second < 0) {
-                edge(2, 3);
-                edge(3, 0);
-                edge(0, 2);
-                ++s.parts;
-            }
+            if (first < 0)
+                part(swizzle<0, 1, 2, 0>(qx), swizzle<0, 1, 2, 0>(qy), swizzle<1, 2, 0, 0>(qx), swizzle<1, 2, 0, 0>(qy),
+                     {0, 1, 2, 0}, {1, 2, 0, 0}, 3);
+            if (second < 0)
+                part(swizzle<2, 3, 0, 0>(qx), swizzle<2, 3, 0, 0>(qy), swizzle<3, 0, 2, 0>(qx), swizzle<3, 0, 2, 0>(qy),
+                     {2, 3, 0, 0}, {3, 0, 2, 0}, 3);
             if (s.parts == 0) continue; // facing away, or no area
-        }
-        s.bx0 = int(c0 >> 3);
-        s.bx1 = int(c1 >> 3);
-        s.by0 = int(r0 >> 3);
-        s.by1 = int(r1 >> 3);
-        // A few roundings of terms no larger than these make the estimates.
-        const float4 blocksRight = splat(float(s.bx1 + 1)), blocksUp = splat(float(s.by1 + 1));
-        for (int p = 0; p < s.parts; ++p) {
-            s.startF[p] = load4(estimates[p][0]);
-            s.blockXF[p] = load4(estimates[p][1]);
-            s.blockYF[p] = load4(estimates[p][2]);
-            s.lowF[p] = load4(estimates[p][3]);
-            s.highF[p] = load4(estimates[p][4]);
-            const float4 size = abs(s.startF[p]) + abs(s.blockXF[p]) * blocksRight + abs(s.blockYF[p]) * blocksUp +
-                                (s.highF[p] - s.lowF[p]);
-            s.margin[p] = select(cmpEq(s.startF[p], splat(1e30f)), zero4(), size * splat(1.0f / 1048576.0f));
         }
         s.depthOrigin = lane(plane.origin, j);
         s.depthDx = lane(plane.dx, j);
@@ -779,8 +777,8 @@ void Rasterizer::drawQuadExact(const ExactQuad& s) {
         int4 lo, hi, step; // E at the row's columns 0-3 and 4-7, its change per row
     };
     for (int by = s.by0; by <= s.by1; ++by) {
-        float4 rowF[2];
-        for (int p = 0; p < s.parts; ++p) rowF[p] = s.startF[p] + s.blockYF[p] * splat(float(by));
+        float4 rowEstimate[2];
+        for (int p = 0; p < s.parts; ++p) rowEstimate[p] = s.start[p] + s.blockY[p] * splat(float(by));
         const size_t rowStart = size_t(by) * blocksX;
         for (int run = s.bx0; run <= s.bx1; run += 8) {
             // Blocks already at least as near as the quad's nearest corner are skipped unseen.
@@ -799,23 +797,30 @@ void Rasterizer::drawQuadExact(const ExactQuad& s) {
                 bool full = false;
                 const float4 fx = splat(float(bx));
                 for (int p = 0; p < s.parts && !full; ++p) {
-                    const float4 estimate = rowF[p] + s.blockXF[p] * fx;
-                    if (signMask(cmpLe(estimate + s.highF[p], -s.margin[p])) != 0) continue;
-                    unsigned unsure = ~signMask(cmpGt(estimate + s.lowF[p], s.margin[p])) & 0xFu;
+                    const float4 estimate = rowEstimate[p] + s.blockX[p] * fx;
+                    if (signMask(cmpLe(estimate + s.high[p], -s.margin[p])) != 0) continue;
+                    unsigned unsure = ~signMask(cmpGt(estimate + s.low[p], s.margin[p])) & 0xFu;
                     int n = 0;
                     bool outside = false;
                     while (unsure != 0) {
-                        const ExactQuad::Edge& e = s.edges[p][__builtin_ctz(unsure)];
+                        const int k = __builtin_ctz(unsure);
                         unsure &= unsure - 1;
-                        const int64_t v = e.start + e.blockY * by + e.blockX * bx;
-                        if (v + e.high <= 0) {
+                        const int f = s.from[p][k], t = s.to[p][k];
+                        const int64_t a = int64_t(s.y[t]) - s.y[f], b = int64_t(s.x[f]) - s.x[t];
+                        const int64_t tie = a > 0 || (a == 0 && b > 0) ? 1 : 0;
+                        const int64_t half = kSubpixel / 2;
+                        const int64_t v =
+                            a * (8 * kSubpixel * bx + half - s.x[f]) + b * (8 * kSubpixel * by + half - s.y[f]) + tie;
+                        const int64_t stepX = a * kSubpixel, stepY = b * kSubpixel; // per pixel
+                        if (v + 7 * (std::max<int64_t>(stepX, 0) + std::max<int64_t>(stepY, 0)) <= 0) {
                             outside = true;
                             break;
                         }
-                        if (v + e.low > 0) continue;
+                        if (v + 7 * (std::min<int64_t>(stepX, 0) + std::min<int64_t>(stepY, 0)) > 0) continue;
                         // The edge crosses the block: its values there fit 32 bits.
-                        const int4 first = splatInt(int32_t(v));
-                        crossing[total + n++] = {first + e.columnsLo, first + e.columnsHi, e.rowStep};
+                        const int4 first = splatInt(int32_t(v)), columns = splatInt(int32_t(stepX));
+                        crossing[total + n++] = {first + columns * makeInt4(0, 1, 2, 3),
+                                                 first + columns * makeInt4(4, 5, 6, 7), splatInt(int32_t(stepY))};
                     }
                     if (outside) continue;
                     full = n == 0;
@@ -823,7 +828,6 @@ void Rasterizer::drawQuadExact(const ExactQuad& s) {
                     total += n;
                 }
                 if (parts == 0) continue;
-
                 const size_t block = rowStart + size_t(bx);
                 ushort8* pixels = &depthBuffer[8 * block];
                 const float corner = s.depthOrigin + s.depthDx * float(8 * bx) + s.depthDy * float(8 * by);
