@@ -62,6 +62,8 @@ std::vector<ClipQuad> clipQuads(const common::Occluder& o) {
                 const uint32_t field[3] = {w >> 21, (w >> 10) & 2047, w & 1023}, steps[3] = {2047, 2047, 1023};
                 double p[3];
                 for (int c = 0; c < 3; ++c) p[c] = lo[c] + field[c] * (double(hi[c]) - lo[c]) / steps[c];
+                if (!o.exactCorners.empty()) // conservative builds draw the corners unquantised
+                    for (size_t c = 0; c < 3; ++c) p[c] = common::lane(o.exactCorners[12 * b + 3 * k + c], j);
                 q[k] = testing_support::transformPoint(kPerspective, p[0], p[1], p[2]);
             }
             quads.push_back(q);
@@ -139,6 +141,9 @@ common::Occluder quadAlone(const common::Occluder& o, size_t q) {
     one.packedVertices.clear();
     for (size_t k = 0; k < 4; ++k)
         one.packedVertices.push_back(common::splatInt(common::lane(o.packedVertices[4 * (q / 4) + k], int(q % 4))));
+    one.exactCorners.clear();
+    for (size_t i = 0; !o.exactCorners.empty() && i < 12; ++i)
+        one.exactCorners.push_back(common::splat(common::lane(o.exactCorners[12 * (q / 4) + i], int(q % 4))));
     return one;
 }
 
