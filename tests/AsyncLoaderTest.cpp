@@ -5,7 +5,7 @@
 #include "engine/ZELKPrivate.h"
 #include "support/CityScene.h"
 #include "support/MeshLoader.h"
-#include "support/RapidReference.h"
+#include "support/ReferenceRapidRasterizer.h"
 #include "zelk.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 #include "util/Rasterizer.h"
 
-#include "support/RapidReference.h"
+#include "support/ReferenceRapidRasterizer.h"
 #include "util/RapidRasterizer.h"
 
 #include <gtest/gtest.h>

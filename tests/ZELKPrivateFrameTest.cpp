@@ -1,7 +1,7 @@
 // Whole frames through the exported functions: raw occluders in the masked buffer, cached baked groups in the rapid
 // one, boxes answered by batch queries.
 #include "engine/ZELKPrivate.h"
-#include "support/RapidReference.h"
+#include "support/ReferenceRapidRasterizer.h"
 #include "support/TestMeshes.h"
 #include "util/Rasterizer.h"
 #include "zelk.h"

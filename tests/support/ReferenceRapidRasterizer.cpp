@@ -1,4 +1,4 @@
-#include "support/RapidReference.h"
+#include "support/ReferenceRapidRasterizer.h"
 
 #include <algorithm>
 #include <cmath>
