@@ -14,7 +14,7 @@ namespace {
 using testing_support::CityScene;
 using util::MaskedOcclusionCulling;
 
-// Sums what the rasterizer asks for; nothing is released while a frame lives,
+// Sums what the rasteriser asks for; nothing is released while a frame lives,
 // so the sum is the peak.
 size_t gAllocatedBytes = 0;
 void* countingAlloc(size_t alignment, size_t size) {

@@ -808,7 +808,7 @@ int MaskedOcclusionCullingPrivate::RenderTriangles(const float* vertices, const 
                                                    ClipAll, kPacked);
 }
 
-// ---------------------------------------------------------------- rasterization
+// ---------------------------------------------------------------- rasterisation
 
 int MaskedOcclusionCullingPrivate::RasterizeTriangleBatch(float4 pVtxX[3], float4 pVtxY[3], float4 pVtxZ[3],
                                                           unsigned laneMask, const ScissorRect& scissor) {

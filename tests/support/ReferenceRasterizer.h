@@ -1,4 +1,4 @@
-// Exact per-pixel rasterizer used as the oracle for the masked rasterizer:
+// Exact per-pixel rasteriser used as the oracle for the masked rasteriser:
 // screen vertices in fixed point (whole pixels by default), pixel (i, j)
 // sampled at (i + 0.5, j + 0.5) in exact integer arithmetic, depth 1/w
 // interpolated in double precision.
