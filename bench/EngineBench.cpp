@@ -1,4 +1,4 @@
-#include "engine/ZELKInspector.h"
+#include "engine/ZELKDiagnostics.h"
 #include "support/BakeThroughFrames.h"
 #include "support/TestMeshes.h"
 #include "zelk.h"
@@ -56,7 +56,7 @@ void submitFrame(benchmark::State& state, RigidType rigid, bool cached) {
     zelkInit(640, 360, 0.1f);
     if (cached && !bakeAll(scene)) state.SkipWithError("the loader did not bake the meshes in time");
     for (auto _ : state) submitAll(scene, rigid);
-    const ZELK::ZELKInspector::FrameStats stats = ZELK::ZELKInspector::frameStats();
+    const ZELK::ZELKDiagnostics::FrameStats stats = ZELK::ZELKDiagnostics::frameStats();
     if (stats.rawOccluders + stats.cachedOccluders != uint32_t(count)) state.SkipWithError("submissions were lost");
     if (stats.cachedOccluders != (cached ? uint32_t(count) : 0)) state.SkipWithError("wrong cache lookups");
     state.SetItemsProcessed(int64_t(state.iterations()) * count);
@@ -86,7 +86,7 @@ void unchangedFrame(benchmark::State& state, bool reordered) {
     }
     // A comparison that wrongly saw a change would only cost a redraw here:
     // the rows are the check (a redraw of 1000 groups is far slower).
-    const ZELK::ZELKInspector::FrameStats stats = ZELK::ZELKInspector::frameStats();
+    const ZELK::ZELKDiagnostics::FrameStats stats = ZELK::ZELKDiagnostics::frameStats();
     if (stats.cachedOccluders != uint32_t(count) || stats.rapidCount != uint32_t(count))
         state.SkipWithError("not every occluder drawn from the cache");
     state.SetItemsProcessed(int64_t(state.iterations()) * count);

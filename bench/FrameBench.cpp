@@ -1,7 +1,7 @@
 // A whole frame through the exported functions on the synthetic city:
 // start, submit every building, render, and one batch query of 25,000 boxes;
 // and the render side alone of a first frame.
-#include "engine/ZELKInspector.h"
+#include "engine/ZELKDiagnostics.h"
 #include "support/CityScene.h"
 #include "zelk.h"
 
@@ -68,7 +68,7 @@ void BM_ZELKPrivate_firstFrameRigid(benchmark::State& state) {
         renderCity(scene, ZELK_RIGID);
         benchmark::ClobberMemory();
     }
-    if (ZELK::ZELKInspector::frameStats().plainCount != scene.meshes.size()) state.SkipWithError("not all drawn raw");
+    if (ZELK::ZELKDiagnostics::frameStats().plainCount != scene.meshes.size()) state.SkipWithError("not all drawn raw");
     zelkDestroy();
 }
 BENCHMARK(BM_ZELKPrivate_firstFrameRigid)->Args({320, 192})->Args({640, 360})->Unit(benchmark::kMicrosecond);

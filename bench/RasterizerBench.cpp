@@ -1,7 +1,7 @@
 // The quad rasteriser beside the masked one on the same synthetic city: the
 // scene baked at full detail and drawn, box queries, construction, and
 // whole frames through the exported functions with every building cached.
-#include "engine/ZELKInspector.h"
+#include "engine/ZELKDiagnostics.h"
 #include "support/BakeThroughFrames.h"
 #include "support/CityScene.h"
 #include "util/RapidRasterizer.h"
@@ -163,7 +163,7 @@ void cachedFrames(benchmark::State& state, bool moving) {
         culled += i % 2 == 0 && !visible[i];
     }
     if (wrong != 0 || culled < int(city.boxes.size() / 12) * 8 / 10 ||
-        ZELK::ZELKInspector::frameStats().rapidCount != city.groups.size())
+        ZELK::ZELKDiagnostics::frameStats().rapidCount != city.groups.size())
         state.SkipWithError("wrong visibility answers");
     state.counters["culled"] = double(culled) / double(city.boxes.size() / 12);
     zelkDestroy();

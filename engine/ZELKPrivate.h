@@ -23,7 +23,7 @@ public:
     // Destroys the engine if there is one; always true.
     static bool release();
     // The engine if it exists, without creating one: for tests and the
-    // inspection functions, which must observe an engine's absence too.
+    // diagnostics functions, which must observe an engine's absence too.
     static ZELKPrivate* peek();
 
     ZELKPrivate(const ZELKPrivate&) = delete;
@@ -46,13 +46,13 @@ public:
     float getNearPlane() const { return nearPlane; }
     const ZELKFrameInfo& getFrameInfo() const { return *frameInfo; }
     const std::shared_ptr<common::CacheManager>& getCacheManager() const { return cacheManager; }
-    // For tests that look at the depth buffers; tools and benchmarks use ZELKInspector.
+    // For tests that look at the depth buffers; tools and benchmarks use ZELKDiagnostics.
     const util::PlainRasterizer& getPlainRasterizer() const { return *plainRasterizer; }
     const util::RapidRasterizer& getRapidRasterizer() const { return *rapidRasterizer; }
     common::AsyncLoader& getAsyncLoader() { return *asyncLoader; }
 
 private:
-    friend class ZELKInspector; // read-only views for tools and benchmarks
+    friend class ZELKDiagnostics; // read-only views for tools and benchmarks
 
     ZELKPrivate();
     ~ZELKPrivate();

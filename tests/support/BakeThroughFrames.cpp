@@ -1,6 +1,6 @@
 #include "support/BakeThroughFrames.h"
 
-#include "engine/ZELKInspector.h"
+#include "engine/ZELKDiagnostics.h"
 
 #include <chrono>
 #include <thread>
@@ -13,7 +13,7 @@ bool bakeThroughFrames(const std::function<void()>& frame, double maxSeconds) {
         Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(maxSeconds));
     for (;;) {
         frame();
-        const ZELK::ZELKInspector::FrameStats stats = ZELK::ZELKInspector::frameStats();
+        const ZELK::ZELKDiagnostics::FrameStats stats = ZELK::ZELKDiagnostics::frameStats();
         if (stats.cachedOccluders == 0 && stats.rawOccluders == 0) return false;
         if (stats.rawOccluders == 0) return true;
         if (Clock::now() > deadline) return false;

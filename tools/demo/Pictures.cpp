@@ -1,6 +1,6 @@
 #include "Pictures.h"
 
-#include "engine/ZELKInspector.h"
+#include "engine/ZELKDiagnostics.h"
 
 #include <png.h>
 
@@ -156,10 +156,10 @@ bool writePictures(const std::string& dir, const Scene& scene, const CameraPose&
     ::mkdir(dir.c_str(), 0755);
     const int width = reference.width(), height = reference.height();
     if (!writePng(dir + "/depth-masked.png",
-                  greyDepth(width, height, libraryDepth(width, height, ZELK::ZELKInspector::maskedDepth)), error))
+                  greyDepth(width, height, libraryDepth(width, height, ZELK::ZELKDiagnostics::maskedDepth)), error))
         return false;
     if (!writePng(dir + "/depth-rapid.png",
-                  greyDepth(width, height, libraryDepth(width, height, ZELK::ZELKInspector::rapidDepth)), error))
+                  greyDepth(width, height, libraryDepth(width, height, ZELK::ZELKDiagnostics::rapidDepth)), error))
         return false;
     if (!writePng(dir + "/depth-reference.png", greyDepth(width, height, reference.depth()), error)) return false;
 

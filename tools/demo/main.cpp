@@ -13,7 +13,7 @@
 #include "ReferenceDepth.h"
 #include "zelk.h"
 
-#include "engine/ZELKInspector.h"
+#include "engine/ZELKDiagnostics.h"
 
 #include <CLI/CLI.hpp>
 
@@ -187,7 +187,7 @@ bool visibleInTrueColumns(const std::vector<uint16_t>& codes, unsigned width, un
 uint32_t cachedMeshes(const demo::Scene& scene) {
     uint32_t n = 0;
     for (const demo::Mesh& m : scene.meshes)
-        if (m.rigid && ZELK::ZELKInspector::isCached(m.vertices.data(), m.indices.data())) ++n;
+        if (m.rigid && ZELK::ZELKDiagnostics::isCached(m.vertices.data(), m.indices.data())) ++n;
     return n;
 }
 
@@ -246,7 +246,7 @@ bool runOwnMode(const Options& o, demo::Scene& scene, ModeResult& result, std::s
         zelkBatchQuery(scene.boxes.data(), boxCount, reinterpret_cast<bool*>(results.data()));
         s.ms[kQuery] = msSince(t);
         s.ms[kLibrary] = msSince(frameStart);
-        const ZELK::ZELKInspector::FrameStats stats = ZELK::ZELKInspector::frameStats();
+        const ZELK::ZELKDiagnostics::FrameStats stats = ZELK::ZELKDiagnostics::frameStats();
         s.raw = stats.rawOccluders;
         s.cached = stats.cachedOccluders;
 
@@ -274,9 +274,9 @@ bool runOwnMode(const Options& o, demo::Scene& scene, ModeResult& result, std::s
                         const bool bySnapping =
                             snappedReference.testBox(&scene.boxes[6 * b], viewProjection).visible == 0;
                         const bool rapidHides =
-                            !bySnapping && ZELK::ZELKInspector::rapidBufferHides(&scene.boxes[6 * b]);
+                            !bySnapping && ZELK::ZELKDiagnostics::rapidBufferHides(&scene.boxes[6 * b]);
                         if (rapidHides && !codesRead) {
-                            ZELK::ZELKInspector::rapidDepthCodes(rapidCodes);
+                            ZELK::ZELKDiagnostics::rapidDepthCodes(rapidCodes);
                             codesRead = true;
                         }
                         const bool byColumns = rapidHides && visibleInTrueColumns(rapidCodes, width, height,

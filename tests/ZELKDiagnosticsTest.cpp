@@ -1,6 +1,6 @@
 // The read-only views tools and benchmarks take of the engine, on a 16 x 16
 // engine and one quad over the top rows of the screen.
-#include "engine/ZELKInspector.h"
+#include "engine/ZELKDiagnostics.h"
 #include "support/BakeThroughFrames.h"
 #include "support/TestMeshes.h"
 #include "zelk.h"
@@ -12,7 +12,7 @@
 #include <vector>
 
 using testing_support::Mesh;
-using ZELK::ZELKInspector;
+using ZELK::ZELKDiagnostics;
 
 namespace {
 
@@ -56,47 +56,47 @@ template <typename T> void expectRows(const std::vector<T>& image, uint32_t topR
     EXPECT_EQ(0, wrong) << what;
 }
 
-struct InspectorFixture : ::testing::Test {
+struct DiagnosticsFixture : ::testing::Test {
     void SetUp() override { zelkDestroy(); }
     void TearDown() override { zelkDestroy(); }
 };
 
 } // namespace
 
-TEST_F(InspectorFixture, WithoutAnEngineEverythingIsEmpty) {
+TEST_F(DiagnosticsFixture, WithoutAnEngineEverythingIsEmpty) {
     std::vector<float> depth(5, 1.0f);
     std::vector<uint16_t> codes(5, 1);
     const float box[6] = {-1, -1, -1, 1, 1, 1};
-    EXPECT_FALSE(ZELKInspector::hasEngine());
-    EXPECT_EQ(0u, ZELKInspector::width());
-    EXPECT_EQ(0u, ZELKInspector::height());
-    const ZELKInspector::FrameStats stats = ZELKInspector::frameStats();
+    EXPECT_FALSE(ZELKDiagnostics::hasEngine());
+    EXPECT_EQ(0u, ZELKDiagnostics::width());
+    EXPECT_EQ(0u, ZELKDiagnostics::height());
+    const ZELKDiagnostics::FrameStats stats = ZELKDiagnostics::frameStats();
     EXPECT_EQ(0, stats.frameIndex);
     EXPECT_EQ(0u, stats.plainCount + stats.rapidCount + stats.rawOccluders + stats.cachedOccluders);
-    ZELKInspector::maskedDepth(depth);
+    ZELKDiagnostics::maskedDepth(depth);
     EXPECT_TRUE(depth.empty());
     depth.assign(5, 1.0f);
-    ZELKInspector::rapidDepth(depth);
+    ZELKDiagnostics::rapidDepth(depth);
     EXPECT_TRUE(depth.empty());
-    ZELKInspector::rapidDepthCodes(codes);
+    ZELKDiagnostics::rapidDepthCodes(codes);
     EXPECT_TRUE(codes.empty());
-    EXPECT_FALSE(ZELKInspector::rapidBufferHides(box));
-    EXPECT_FALSE(ZELKInspector::isCached(kTopHalf.vertices.data(), kTopHalf.indices.data()));
-    EXPECT_FALSE(ZELKInspector::loaderIdle());
+    EXPECT_FALSE(ZELKDiagnostics::rapidBufferHides(box));
+    EXPECT_FALSE(ZELKDiagnostics::isCached(kTopHalf.vertices.data(), kTopHalf.indices.data()));
+    EXPECT_FALSE(ZELKDiagnostics::loaderIdle());
     // None of them made an engine.
-    EXPECT_FALSE(ZELKInspector::hasEngine());
+    EXPECT_FALSE(ZELKDiagnostics::hasEngine());
 }
 
-TEST_F(InspectorFixture, RawQuadFillsTheTopRowsOfTheMaskedImage) {
+TEST_F(DiagnosticsFixture, RawQuadFillsTheTopRowsOfTheMaskedImage) {
     ASSERT_EQ(1, zelkInit(kSize, kSize, 0.1f));
-    EXPECT_TRUE(ZELKInspector::hasEngine());
-    EXPECT_EQ(kSize, ZELKInspector::width());
-    EXPECT_EQ(kSize, ZELKInspector::height());
-    EXPECT_TRUE(ZELKInspector::loaderIdle()); // nothing queued yet
+    EXPECT_TRUE(ZELKDiagnostics::hasEngine());
+    EXPECT_EQ(kSize, ZELKDiagnostics::width());
+    EXPECT_EQ(kSize, ZELKDiagnostics::height());
+    EXPECT_TRUE(ZELKDiagnostics::loaderIdle()); // nothing queued yet
 
     frame(ZELK_NON_RIGID, kTopRows);
     frame(ZELK_NON_RIGID, kTopRows);
-    const ZELKInspector::FrameStats stats = ZELKInspector::frameStats();
+    const ZELKDiagnostics::FrameStats stats = ZELKDiagnostics::frameStats();
     EXPECT_EQ(2, stats.frameIndex);
     EXPECT_EQ(1u, stats.plainCount);
     EXPECT_EQ(0u, stats.rapidCount);
@@ -104,40 +104,40 @@ TEST_F(InspectorFixture, RawQuadFillsTheTopRowsOfTheMaskedImage) {
     EXPECT_EQ(0u, stats.cachedOccluders);
 
     std::vector<float> depth;
-    ZELKInspector::maskedDepth(depth);
+    ZELKDiagnostics::maskedDepth(depth);
     // One Newton step on NEON's 8-bit reciprocal estimate leaves about 2^-16.
     expectRows(depth, 6, 0.5 - 2e-5, 0.5 + 2e-5, 0.0f, "masked: 1/w with w = 2");
-    ZELKInspector::rapidDepth(depth);
+    ZELKDiagnostics::rapidDepth(depth);
     expectRows(depth, 8, 0.0, 0.0, 0.0f, "rapid: nothing cached");
     // No cached group drawn: the rapid buffer decides nothing.
     const float behind[6] = {-1, 1, 0.5f, 1, 3, 1};
-    EXPECT_FALSE(ZELKInspector::rapidBufferHides(behind));
-    EXPECT_FALSE(ZELKInspector::isCached(kTopHalf.vertices.data(), kTopHalf.indices.data()));
+    EXPECT_FALSE(ZELKDiagnostics::rapidBufferHides(behind));
+    EXPECT_FALSE(ZELKDiagnostics::isCached(kTopHalf.vertices.data(), kTopHalf.indices.data()));
 }
 
-TEST_F(InspectorFixture, BakedQuadFillsTheTopHalfOfTheRapidImage) {
+TEST_F(DiagnosticsFixture, BakedQuadFillsTheTopHalfOfTheRapidImage) {
     ASSERT_EQ(1, zelkInit(kSize, kSize, 0.1f));
     frame(ZELK_RIGID);
     ASSERT_TRUE(testing_support::bakeThroughFrames([] { frame(ZELK_RIGID); }, 30.0));
-    EXPECT_TRUE(ZELKInspector::isCached(kTopHalf.vertices.data(), kTopHalf.indices.data()));
-    EXPECT_FALSE(ZELKInspector::isCached(kTopHalf.vertices.data(), nullptr));
-    const ZELKInspector::FrameStats stats = ZELKInspector::frameStats();
+    EXPECT_TRUE(ZELKDiagnostics::isCached(kTopHalf.vertices.data(), kTopHalf.indices.data()));
+    EXPECT_FALSE(ZELKDiagnostics::isCached(kTopHalf.vertices.data(), nullptr));
+    const ZELKDiagnostics::FrameStats stats = ZELKDiagnostics::frameStats();
     EXPECT_EQ(0u, stats.plainCount);
     EXPECT_EQ(1u, stats.rapidCount);
     EXPECT_EQ(0u, stats.rawOccluders);
     EXPECT_EQ(1u, stats.cachedOccluders);
     // The loader counts the mesh done just after caching it.
-    for (int i = 0; i < 3000 && !ZELKInspector::loaderIdle(); ++i)
+    for (int i = 0; i < 3000 && !ZELKDiagnostics::loaderIdle(); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    EXPECT_TRUE(ZELKInspector::loaderIdle());
+    EXPECT_TRUE(ZELKDiagnostics::loaderIdle());
 
     std::vector<uint16_t> codes;
-    ZELKInspector::rapidDepthCodes(codes);
+    ZELKDiagnostics::rapidDepthCodes(codes);
     expectRows(codes, 8, 0xF7FE, 0xF7FF, uint16_t(0), "rapid codes");
     std::vector<float> depth;
-    ZELKInspector::rapidDepth(depth);
+    ZELKDiagnostics::rapidDepth(depth);
     expectRows(depth, 8, kQuadRapid - 2 * kCodeStep, kQuadRapid, 0.0f, "rapid depth");
-    ZELKInspector::maskedDepth(depth);
+    ZELKDiagnostics::maskedDepth(depth);
     expectRows(depth, 8, 0.0, 0.0, 0.0f, "masked: nothing drawn raw");
 
     // World boxes against the quad at z = 0 (larger z is farther): behind it
@@ -146,9 +146,9 @@ TEST_F(InspectorFixture, BakedQuadFillsTheTopHalfOfTheRapidImage) {
     // with only the rapid buffer drawn, gives the same answers.
     const float boxes[18] = {-1, 1, 0.5f, 1, 3, 1, -1, -3, 0.5f, 1, -1, 1, -1, 1, -1, 1, 3, -0.5f};
     const bool hides[3] = {true, false, false};
-    for (int b = 0; b < 3; ++b) EXPECT_EQ(hides[b], ZELKInspector::rapidBufferHides(&boxes[6 * b])) << b;
+    for (int b = 0; b < 3; ++b) EXPECT_EQ(hides[b], ZELKDiagnostics::rapidBufferHides(&boxes[6 * b])) << b;
     bool visible[3];
     ASSERT_EQ(1, zelkBatchQuery(boxes, 3, visible));
     for (int b = 0; b < 3; ++b) EXPECT_EQ(!hides[b], visible[b]) << b;
-    EXPECT_FALSE(ZELKInspector::rapidBufferHides(nullptr));
+    EXPECT_FALSE(ZELKDiagnostics::rapidBufferHides(nullptr));
 }

@@ -10,7 +10,7 @@
 
 namespace ZELK {
 
-class ZELKInspector {
+class ZELKDiagnostics {
 public:
     struct FrameStats {
         int64_t frameIndex = 0;       // frames started since the engine was made
@@ -20,7 +20,7 @@ public:
         uint32_t cachedOccluders = 0; // this frame's submissions found in the cache
     };
 
-    ZELKInspector() = delete;
+    ZELKDiagnostics() = delete;
 
     static bool hasEngine();
     // The depth buffers' size, as last set by zelkInit or zelkConfig.

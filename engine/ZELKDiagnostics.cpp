@@ -1,4 +1,4 @@
-#include "engine/ZELKInspector.h"
+#include "engine/ZELKDiagnostics.h"
 
 #include "engine/ZELKPrivate.h"
 #include "util/MaskedOcclusionCulling.h"
@@ -28,19 +28,19 @@ void forEachRapidPixel(const util::Rasterizer* r, uint32_t width, uint32_t heigh
 
 } // namespace
 
-bool ZELKInspector::hasEngine() { return ZELKPrivate::peek() != nullptr; }
+bool ZELKDiagnostics::hasEngine() { return ZELKPrivate::peek() != nullptr; }
 
-uint32_t ZELKInspector::width() {
+uint32_t ZELKDiagnostics::width() {
     const ZELKPrivate* engine = ZELKPrivate::peek();
     return engine == nullptr ? 0 : engine->getWidth();
 }
 
-uint32_t ZELKInspector::height() {
+uint32_t ZELKDiagnostics::height() {
     const ZELKPrivate* engine = ZELKPrivate::peek();
     return engine == nullptr ? 0 : engine->getHeight();
 }
 
-ZELKInspector::FrameStats ZELKInspector::frameStats() {
+ZELKDiagnostics::FrameStats ZELKDiagnostics::frameStats() {
     FrameStats stats;
     const ZELKPrivate* engine = ZELKPrivate::peek();
     if (engine == nullptr) return stats;
@@ -53,7 +53,7 @@ ZELKInspector::FrameStats ZELKInspector::frameStats() {
     return stats;
 }
 
-void ZELKInspector::maskedDepth(std::vector<float>& out) {
+void ZELKDiagnostics::maskedDepth(std::vector<float>& out) {
     const ZELKPrivate* engine = ZELKPrivate::peek();
     resetImage(engine, out);
     if (engine == nullptr || engine->plainRasterizer->masked() == nullptr) return;
@@ -72,7 +72,7 @@ void ZELKInspector::maskedDepth(std::vector<float>& out) {
         }
 }
 
-void ZELKInspector::rapidDepth(std::vector<float>& out) {
+void ZELKDiagnostics::rapidDepth(std::vector<float>& out) {
     const ZELKPrivate* engine = ZELKPrivate::peek();
     resetImage(engine, out);
     if (engine == nullptr) return;
@@ -82,7 +82,7 @@ void ZELKInspector::rapidDepth(std::vector<float>& out) {
                       });
 }
 
-void ZELKInspector::rapidDepthCodes(std::vector<uint16_t>& out) {
+void ZELKDiagnostics::rapidDepthCodes(std::vector<uint16_t>& out) {
     const ZELKPrivate* engine = ZELKPrivate::peek();
     out.assign(engine == nullptr ? 0 : size_t(engine->getWidth()) * size_t(engine->getHeight()), 0);
     if (engine == nullptr) return;
@@ -90,7 +90,7 @@ void ZELKInspector::rapidDepthCodes(std::vector<uint16_t>& out) {
                       [&](uint16_t code, size_t i) { out[i] = code; });
 }
 
-bool ZELKInspector::rapidBufferHides(const float* box) {
+bool ZELKDiagnostics::rapidBufferHides(const float* box) {
     const ZELKPrivate* engine = ZELKPrivate::peek();
     if (engine == nullptr || box == nullptr || engine->frameInfo->rapidCount == 0) return false;
     // The camera a batch query sets; drawing sets its own per group, so nothing later depends on it.
@@ -98,13 +98,13 @@ bool ZELKInspector::rapidBufferHides(const float* box) {
     return !engine->rapidRasterizer->query(box, box + 3);
 }
 
-bool ZELKInspector::isCached(const float* vertices, const uint16_t* indices) {
+bool ZELKDiagnostics::isCached(const float* vertices, const uint16_t* indices) {
     const ZELKPrivate* engine = ZELKPrivate::peek();
     return engine != nullptr && engine->cacheManager != nullptr &&
            engine->cacheManager->get({vertices, indices}) != nullptr;
 }
 
-bool ZELKInspector::loaderIdle() {
+bool ZELKDiagnostics::loaderIdle() {
     const ZELKPrivate* engine = ZELKPrivate::peek();
     return engine != nullptr && engine->asyncLoader->isEmpty();
 }
