@@ -1,6 +1,7 @@
 #include "util/Rasterizer.h"
 
 #include "common/Checked.h"
+#include "util/ClippedBox.h"
 
 #include <cmath>
 #include <cstring>
@@ -913,7 +914,9 @@ bool Rasterizer::testBox(float4 boundsMin, float4 boundsMax, bool& needsClipping
     const float4 limit = splat(0.001f * std::max(std::max(lane<0>(e), lane<1>(e)), lane<2>(e)));
     if (anyTrue(~(cmpGe(p[3][0], limit) & cmpGe(p[3][1], limit)))) {
         needsClipping = true;
-        return true;
+        // The documented guard calls such a box visible; conservative builds
+        // test the part of it that is in front of the near plane on screen.
+        return ZELK_CONSERVATIVE ? testClippedBox(boundsMin, boundsMax) : true;
     }
     needsClipping = false;
     if (width == 0 || height == 0) return true; // no buffer: nothing can hide the box
@@ -940,6 +943,30 @@ bool Rasterizer::testBox(float4 boundsMin, float4 boundsMax, bool& needsClipping
     // steps nearer than its nearest corner, a box hides only behind a surface
     // that is really in front of it.
     if (ZELK_CONSERVATIVE) depth = uint16_t(std::min(unsigned(depth) + 2u, 65535u));
+    return query2D(unsigned(minX), unsigned(maxX), unsigned(minY), unsigned(maxY), depth);
+}
+
+bool Rasterizer::testClippedBox(float4 boundsMin, float4 boundsMax) const {
+    if (width == 0 || height == 0) return true; // no buffer: nothing can hide the box
+    double screen[4][4];
+    for (int c = 0; c < 4; ++c)
+        for (int k = 0; k < 4; ++k) screen[c][k] = double(lane<0>(screenSplat[c][k]));
+    alignas(16) float lo[4], hi[4];
+    store4(lo, boundsMin);
+    store4(hi, boundsMax);
+    const ClippedBox part = ClippedBox::clip(screen, width, height, 2.0 * double(depthScale()), lo, hi);
+    if (part.kind != ClippedBox::kInside) return part.kind == ClippedBox::kReachesNear;
+    const auto pixel = [](double v, unsigned size) {
+        return int(std::nearbyint(std::min(std::max(v, 0.0), double(size - 1)))); // ties to even, as the vector path
+    };
+    const int minX = pixel(part.minX, width), maxX = pixel(part.maxX, width);
+    const int minY = pixel(part.minY, height), maxY = pixel(part.maxY, height);
+    if (minX > maxX || minY > maxY) return false;
+    // Rounded up to a float so that the code is never the farther one.
+    float nearest = float(part.nearest);
+    if (double(nearest) < part.nearest) nearest = std::nextafter(nearest, INFINITY);
+    const uint16_t code = horizontalMax(packDepthPremultiplied(splat(nearest)));
+    const uint16_t depth = uint16_t(std::min(unsigned(code) + 2u, 65535u));
     return query2D(unsigned(minX), unsigned(maxX), unsigned(minY), unsigned(maxY), depth);
 }
 

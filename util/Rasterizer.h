@@ -89,6 +89,7 @@ private:
     void drawQuadExact(const ExactQuad& quad);
     template <bool withFraction>
     bool testBox(common::float4 boundsMin, common::float4 boundsMax, bool& needsClipping, float& screenFraction) const;
+    bool testClippedBox(common::float4 boundsMin, common::float4 boundsMax) const;
 
     RasterizerLocalToClip* localToClip;
     std::vector<uint64_t> rasterizationTable;
