@@ -501,7 +501,10 @@ TEST(AsyncLoader, CityIsDrawnFromTheCacheAndHidesOnlyWhatIsHidden) {
 
         // The quad rasteriser may cover a pixel whose centre lies up to
         // 0.75 px outside a quad; the reference grows its triangles by a pixel.
-        ExactDepthBuffer exact(kWidth, kHeight);
+        // Conservative builds cover exactly and, block by block, bound how near
+        // a box's faces can be: they may hide more than the rule does on an
+        // exact buffer, never a box whose faces an exact buffer shows.
+        ExactDepthBuffer exact(kWidth, kHeight), sharp(kWidth, kHeight);
         for (size_t i = 0; i < buildings; ++i) {
             const Mesh& m = scene.meshes[i];
             const auto clip = [&](size_t k) {
@@ -509,20 +512,24 @@ TEST(AsyncLoader, CityIsDrawnFromTheCacheAndHidesOnlyWhatIsHidden) {
                 const auto w = transformPoint(scene.models[i].data(), v[0], v[1], v[2]);
                 return transformPoint(viewProjection, w[0], w[1], w[2]);
             };
-            for (size_t t = 0; t < m.indices.size(); t += 3)
+            for (size_t t = 0; t < m.indices.size(); t += 3) {
                 exact.drawClipTriangle(clip(t), clip(t + 1), clip(t + 2), 1.0);
+                if (ZELK_CONSERVATIVE) sharp.drawClipTriangle(clip(t), clip(t + 1), clip(t + 2));
+            }
         }
         size_t hidden = 0, referenceHidden = 0, wronglyHidden = 0;
         for (size_t b = 0; b < count; ++b) {
             const bool referenceHides =
                 documentedQueryHides(exact, viewProjection, &boxes[6 * b], ZELK_CONSERVATIVE != 0);
+            const bool mayHide =
+                ZELK_CONSERVATIVE ? !boxSeen(sharp, viewProjection, &boxes[6 * b], 2e-3) : referenceHides;
             hidden += !visible[b];
             referenceHidden += referenceHides;
-            wronglyHidden += !visible[b] && !referenceHides;
+            wronglyHidden += !visible[b] && !mayHide;
         }
         EXPECT_EQ(0u, wronglyHidden);
         // And it culls nearly as much: measured 0.983 and 0.988 in the default
-        // build, 0.989 and 0.986 in the conservative one (each against its own
+        // build, 0.990 and 0.987 in the conservative one (each against its own
         // build's column rule).
         EXPECT_GE(double(hidden), 0.95 * double(referenceHidden));
     }

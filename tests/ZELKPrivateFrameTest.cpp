@@ -320,6 +320,23 @@ TEST_F(FrameFixture, BoxesAroundTheEye) {
     EXPECT_EQ(0u, ZELK::ZELKPrivate::peek()->getFrameInfo().plainCount);
 }
 
+// Wall A at depth 10 (x / w up to 0.5), wall B at depth 5 from x / w = 0.25 to 1. The box, x from 3 to 4 and depth
+// from 8 to 40, spans x / w from 0.075 to 0.5; its nearest corner (depth 8) is nearer than A where B does not reach,
+// so a test with that one depth sees it. But every point of it left of x / w = 0.25 lies deeper than 3 / 0.25 = 12,
+// behind A, and everything else is behind B: the conservative build, bounding the depth of the faces that face the
+// eye block by block, hides it.
+TEST_F(FrameFixture, FacesBoundABoxBlockByBlock) {
+    const Mesh wallA = quad(-5, -5, 5, 5, 10), wallB = quad(1.25f, -2.5f, 5, 2.5f, 5);
+    cacheMesh(wallA);
+    cacheMesh(wallB);
+    const std::vector<float> boxes = {
+        3, -1, -40, 4, 1, -8, // the box
+        3, -1, -40, 4, 1, -4, // reaching in front of B
+    };
+    EXPECT_EQ(ZELK_CONSERVATIVE ? "hv" : "vv", frame({{&wallA, ZELK_RIGID}, {&wallB, ZELK_RIGID}}, boxes));
+    EXPECT_EQ(0u, ZELK::ZELKPrivate::peek()->getFrameInfo().plainCount);
+}
+
 // Long boxes around a camera in a corridor, many reaching past the near plane (some behind the eye): the documented
 // near guard calls every such box visible; the conservative build tests the part of the box that is in front of the
 // near plane on screen, and must still never hide one that an exact buffer (box faces clipped at the near plane) sees.

@@ -1,6 +1,7 @@
 #include "util/Rasterizer.h"
 
 #include "common/Checked.h"
+#include "util/BoxDepthBound.h"
 #include "util/ClippedBox.h"
 
 #include <cmath>
@@ -942,15 +943,66 @@ bool Rasterizer::testBox(float4 boundsMin, float4 boundsMax, bool& needsClipping
     // Codes truncate, so a face lying on an occluder can share its code: two
     // steps nearer than its nearest corner, a box hides only behind a surface
     // that is really in front of it.
-    if (ZELK_CONSERVATIVE) depth = uint16_t(std::min(unsigned(depth) + 2u, 65535u));
-    return query2D(unsigned(minX), unsigned(maxX), unsigned(minY), unsigned(maxY), depth);
+    if (!ZELK_CONSERVATIVE) return query2D(unsigned(minX), unsigned(maxX), unsigned(minY), unsigned(maxY), depth);
+    depth = uint16_t(std::min(unsigned(depth) + 2u, 65535u));
+    // Conservative builds ask again, block by block, of a box the nearest
+    // corner leaves visible, with how near its faces can be in each block.
+    return query2D(unsigned(minX), unsigned(maxX), unsigned(minY), unsigned(maxY), depth) &&
+           testFaces(boundsMin, boundsMax, unsigned(minX), unsigned(maxX), unsigned(minY), unsigned(maxY), depth);
+}
+
+void Rasterizer::screenMatrix(double (&screen)[4][4]) const {
+    for (int c = 0; c < 4; ++c)
+        for (int k = 0; k < 4; ++k) screen[c][k] = double(lane<0>(screenSplat[c][k]));
+}
+
+namespace {
+
+// The code of a premultiplied depth, never that of a farther one: the depth
+// rounded up to a float, then two codes nearer, as for a box's nearest corner.
+uint16_t boxCode(double nearest) {
+    float d = float(nearest);
+    if (double(d) < nearest) d = std::nextafter(d, INFINITY);
+    const unsigned code = horizontalMax(Rasterizer::packDepthPremultiplied(splat(d)));
+    return uint16_t(std::min(code + 2u, 65535u));
+}
+
+} // namespace
+
+bool Rasterizer::testFaces(float4 boundsMin, float4 boundsMax, unsigned minX, unsigned maxX, unsigned minY,
+                           unsigned maxY, uint16_t depth) const {
+    if (blocksX == 0 || blocksY == 0) return true;
+    double screen[4][4];
+    screenMatrix(screen);
+    alignas(16) float lo[4], hi[4];
+    store4(lo, boundsMin);
+    store4(hi, boundsMax);
+    const BoxDepthBound bound(screen, lo, hi);
+    maxX = std::min(maxX, width - 1);
+    maxY = std::min(maxY, height - 1);
+    for (unsigned by = minY >> 3; by <= maxY >> 3; ++by)
+        for (unsigned bx = minX >> 3; bx <= maxX >> 3; ++bx) {
+            const int xs = std::max(int(minX) - int(8 * bx), 0), xe = std::min(int(maxX) - int(8 * bx), 7);
+            const int ys = std::max(int(minY) - int(8 * by), 0), ye = std::min(int(maxY) - int(8 * by), 7);
+            const double nearest =
+                bound.nearestIn(8.0 * bx + xs + 0.5, 8.0 * bx + xe + 0.5, 8.0 * by + ys + 0.5, 8.0 * by + ye + 0.5);
+            const uint16_t q = nearest < INFINITY ? std::min(depth, boxCode(nearest)) : depth;
+            const size_t block = size_t(by) * blocksX + bx;
+            if (blockDepth[block] >= q) continue;
+            if (xs == 0 && xe == 7 && ys == 0 && ye == 7) return true;
+            const unsigned selected = (0xFFFFu >> (2 * (7 - xe))) & (0xFFFFu << (2 * xs)) & 0xFFFFu;
+            const ushort8 code = splatU16(q);
+            const ushort8* rows = &depthBuffer[8 * block];
+            for (int r = ys; r <= ye; ++r)
+                if ((selected & ~byteMask(cmpGe(rows[r], code))) != 0) return true;
+        }
+    return false;
 }
 
 bool Rasterizer::testClippedBox(float4 boundsMin, float4 boundsMax) const {
     if (width == 0 || height == 0) return true; // no buffer: nothing can hide the box
     double screen[4][4];
-    for (int c = 0; c < 4; ++c)
-        for (int k = 0; k < 4; ++k) screen[c][k] = double(lane<0>(screenSplat[c][k]));
+    screenMatrix(screen);
     alignas(16) float lo[4], hi[4];
     store4(lo, boundsMin);
     store4(hi, boundsMax);
@@ -962,12 +1014,9 @@ bool Rasterizer::testClippedBox(float4 boundsMin, float4 boundsMax) const {
     const int minX = pixel(part.minX, width), maxX = pixel(part.maxX, width);
     const int minY = pixel(part.minY, height), maxY = pixel(part.maxY, height);
     if (minX > maxX || minY > maxY) return false;
-    // Rounded up to a float so that the code is never the farther one.
-    float nearest = float(part.nearest);
-    if (double(nearest) < part.nearest) nearest = std::nextafter(nearest, INFINITY);
-    const uint16_t code = horizontalMax(packDepthPremultiplied(splat(nearest)));
-    const uint16_t depth = uint16_t(std::min(unsigned(code) + 2u, 65535u));
-    return query2D(unsigned(minX), unsigned(maxX), unsigned(minY), unsigned(maxY), depth);
+    const uint16_t depth = boxCode(part.nearest);
+    return query2D(unsigned(minX), unsigned(maxX), unsigned(minY), unsigned(maxY), depth) &&
+           testFaces(boundsMin, boundsMax, unsigned(minX), unsigned(maxX), unsigned(minY), unsigned(maxY), depth);
 }
 
 bool Rasterizer::query2D(unsigned minX, unsigned maxX, unsigned minY, unsigned maxY, unsigned short depth) const {

@@ -90,6 +90,9 @@ private:
     template <bool withFraction>
     bool testBox(common::float4 boundsMin, common::float4 boundsMax, bool& needsClipping, float& screenFraction) const;
     bool testClippedBox(common::float4 boundsMin, common::float4 boundsMax) const;
+    bool testFaces(common::float4 boundsMin, common::float4 boundsMax, unsigned minX, unsigned maxX, unsigned minY,
+                   unsigned maxY, uint16_t depth) const;
+    void screenMatrix(double (&screen)[4][4]) const;
 
     RasterizerLocalToClip* localToClip;
     std::vector<uint64_t> rasterizationTable;
