@@ -963,7 +963,10 @@ namespace {
 uint16_t boxCode(double nearest) {
     float d = float(nearest);
     if (double(d) < nearest) d = std::nextafter(d, INFINITY);
-    const unsigned code = horizontalMax(Rasterizer::packDepthPremultiplied(splat(d)));
+    int32_t bits;
+    std::memcpy(&bits, &d, sizeof bits);
+    // As packDepthPremultiplied: a negative depth (beyond the far plane) packs to the nearest code.
+    const uint32_t code = bits < 0 ? 65535u : std::min(uint32_t(bits) >> 12, 65535u);
     return uint16_t(std::min(code + 2u, 65535u));
 }
 
@@ -982,12 +985,13 @@ bool Rasterizer::testFaces(float4 boundsMin, float4 boundsMax, unsigned minX, un
     maxY = std::min(maxY, height - 1);
     for (unsigned by = minY >> 3; by <= maxY >> 3; ++by)
         for (unsigned bx = minX >> 3; bx <= maxX >> 3; ++bx) {
+            const size_t block = size_t(by) * blocksX + bx;
+            if (blockDepth[block] >= depth) continue; // hidden even behind the nearest corner
             const int xs = std::max(int(minX) - int(8 * bx), 0), xe = std::min(int(maxX) - int(8 * bx), 7);
             const int ys = std::max(int(minY) - int(8 * by), 0), ye = std::min(int(maxY) - int(8 * by), 7);
             const double nearest =
                 bound.nearestIn(8.0 * bx + xs + 0.5, 8.0 * bx + xe + 0.5, 8.0 * by + ys + 0.5, 8.0 * by + ye + 0.5);
             const uint16_t q = nearest < INFINITY ? std::min(depth, boxCode(nearest)) : depth;
-            const size_t block = size_t(by) * blocksX + bx;
             if (blockDepth[block] >= q) continue;
             if (xs == 0 && xe == 7 && ys == 0 && ye == 7) return true;
             const unsigned selected = (0xFFFFu >> (2 * (7 - xe))) & (0xFFFFu << (2 * xs)) & 0xFFFFu;
