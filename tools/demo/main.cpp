@@ -60,7 +60,7 @@ struct Options {
     float cell = 0.0f;
     double bakeWait = 60.0; // seconds
     std::string model, level, pngDir, mode = "both";
-    bool json = false, noReference = false, listFalse = false;
+    bool json = false, noReference = false, listFalse = false, allRaw = false;
 };
 
 struct Sample {
@@ -643,6 +643,7 @@ std::vector<std::string> siblingArgs(const Options& o) {
     if (!o.pngDir.empty()) a.insert(a.end(), {"--png", o.pngDir + "/" + kModeNames[kConservative]});
     if (o.noReference) a.push_back("--no-reference");
     if (o.listFalse) a.push_back("--list-false");
+    if (o.allRaw) a.push_back("--all-raw");
     return a;
 }
 
@@ -774,6 +775,9 @@ int main(int argc, char** argv) {
                    "after frame 0, repeat it (untimed, ungraded) until every rigid mesh is baked, for at most this "
                    "many seconds (default 60; 0: measure while baking)")
         ->check(CLI::Range(0.0, 3600.0));
+    app.add_flag("--all-raw", o.allRaw,
+                 "submit every mesh as deforming, so that nothing is baked and every frame is drawn raw (the frame "
+                 "that baking is measured against)");
     app.add_flag("--json", o.json, "print one JSON object instead of the table");
     app.add_flag("--no-reference", o.noReference, "skip the exact reference (for timing runs)");
     app.add_flag("--list-false", o.listFalse, "print every false occlusion (frame, box, pixels) on stderr");
@@ -802,6 +806,8 @@ int main(int argc, char** argv) {
     }
     if (o.frames <= 0) o.frames = int(scene.path.size());
     if (o.pngFrame < 0) o.pngFrame = o.frames / 2;
+    if (o.allRaw)
+        for (demo::Mesh& m : scene.meshes) m.rigid = false;
 
     RunInfo info;
     info.scene = scene.name;
