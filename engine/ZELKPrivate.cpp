@@ -2,6 +2,8 @@
 
 #include "common/Checked.h"
 
+#include <algorithm>
+#include <cmath>
 #include <cstring>
 
 namespace ZELK {
@@ -107,13 +109,45 @@ void ZELKPrivate::renderOccluders() {
     rapidRasterizer->clear();
     frameInfo->rapidCount = 0;
     const std::shared_ptr<common::CacheManager> cache = cacheManager;
-    for (const common::OccluderRaw& record : frameInfo->cachedOccluders) {
-        const std::shared_ptr<common::OccluderGroup> group = cache->get(record.key());
+    if (!ZELK_CONSERVATIVE) {
+        for (const common::OccluderRaw& record : frameInfo->cachedOccluders) {
+            const std::shared_ptr<common::OccluderGroup> group = cache->get(record.key());
+            if (group == nullptr) continue;
+            rapidRasterizer->setModelViewProjection(frameInfo->viewProjection * record.model);
+            rapidRasterizer->render(group);
+            common::checkedIncrement(frameInfo->rapidCount);
+        }
+        return;
+    }
+    // Conservative builds draw the groups nearest first, so that a group
+    // whose box the nearer ones already hide is skipped whole. The buffer
+    // keeps each pixel's nearest code and a group is skipped only when none
+    // of its quads could change a pixel, so the order changes no answer. (The
+    // default build's box test reads mirrored columns, which do not bound
+    // what a group draws: there the submission order stays.)
+    const std::vector<common::OccluderRaw>& cached = frameInfo->cachedOccluders;
+    for (size_t i = 0; i < cached.size(); ++i) {
+        std::shared_ptr<common::OccluderGroup> group = cache->get(cached[i].key());
         if (group == nullptr) continue;
-        rapidRasterizer->setModelViewProjection(frameInfo->viewProjection * record.model);
-        rapidRasterizer->render(group);
+        const common::Matrix4x4 mvp = frameInfo->viewProjection * cached[i].model;
+        // Clip w over the box: its value at the centre less the largest change towards a corner.
+        const common::float4 w = common::make4(common::lane<3>(mvp.columns[0]), common::lane<3>(mvp.columns[1]),
+                                               common::lane<3>(mvp.columns[2]), 0.0f);
+        const common::float4 centre = (group->MinBound() + group->MaxBound()) * common::splat(0.5f);
+        const common::float4 half = (group->MaxBound() - group->MinBound()) * common::splat(0.5f);
+        float nearest = common::dot3(w, centre) + common::lane<3>(mvp.columns[3]) - common::dot3(common::abs(w), half);
+        if (std::isnan(nearest)) nearest = -INFINITY; // sorts, and is drawn, first
+        drawOrder.push_back({nearest, uint32_t(i), mvp, std::move(group)});
+    }
+    std::sort(drawOrder.begin(), drawOrder.end(), [](const DrawItem& a, const DrawItem& b) {
+        return a.nearest < b.nearest || (a.nearest == b.nearest && a.index < b.index);
+    });
+    for (const DrawItem& item : drawOrder) {
+        rapidRasterizer->setModelViewProjection(item.modelViewProjection);
+        rapidRasterizer->render(item.group);
         common::checkedIncrement(frameInfo->rapidCount);
     }
+    drawOrder.clear(); // releases the groups, keeps the capacity
 }
 
 bool ZELKPrivate::query(const float*, const float*) const { return false; }

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 namespace ZELK {
 
@@ -65,6 +66,15 @@ private:
     std::unique_ptr<util::PlainRasterizer> plainRasterizer; // raw meshes, cleared every frame
     std::unique_ptr<common::AsyncLoader> asyncLoader;       // bakes rigid meshes drawn raw
     std::shared_ptr<common::CacheManager> cacheManager;
+
+    // Conservative builds: the cached groups of a redraw, nearest first.
+    struct DrawItem {
+        float nearest;  // the least clip w of the group's box
+        uint32_t index; // in the frame's cached list
+        common::Matrix4x4 modelViewProjection;
+        std::shared_ptr<common::OccluderGroup> group;
+    };
+    std::vector<DrawItem> drawOrder; // kept for its capacity
 };
 
 // Visibility of one box from the two depth buffers, each consulted only when
