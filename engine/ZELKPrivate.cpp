@@ -137,17 +137,19 @@ void ZELKPrivate::renderOccluders() {
         const common::float4 half = (group->MaxBound() - group->MinBound()) * common::splat(0.5f);
         float nearest = common::dot3(w, centre) + common::lane<3>(mvp.columns[3]) - common::dot3(common::abs(w), half);
         if (std::isnan(nearest)) nearest = -INFINITY; // sorts, and is drawn, first
-        drawOrder.push_back({nearest, uint32_t(i), mvp, std::move(group)});
+        drawOrder.push_back({nearest, uint32_t(drawItems.size())});
+        drawItems.push_back({mvp, std::move(group)});
     }
-    std::sort(drawOrder.begin(), drawOrder.end(), [](const DrawItem& a, const DrawItem& b) {
+    std::sort(drawOrder.begin(), drawOrder.end(), [](const DrawKey& a, const DrawKey& b) {
         return a.nearest < b.nearest || (a.nearest == b.nearest && a.index < b.index);
     });
-    for (const DrawItem& item : drawOrder) {
-        rapidRasterizer->setModelViewProjection(item.modelViewProjection);
-        rapidRasterizer->render(item.group);
+    for (const DrawKey& key : drawOrder) {
+        rapidRasterizer->setModelViewProjection(drawItems[key.index].modelViewProjection);
+        rapidRasterizer->render(drawItems[key.index].group);
         common::checkedIncrement(frameInfo->rapidCount);
     }
-    drawOrder.clear(); // releases the groups, keeps the capacity
+    drawItems.clear(); // releases the groups, keeps the capacity
+    drawOrder.clear();
 }
 
 bool ZELKPrivate::query(const float*, const float*) const { return false; }

@@ -67,14 +67,18 @@ private:
     std::unique_ptr<common::AsyncLoader> asyncLoader;       // bakes rigid meshes drawn raw
     std::shared_ptr<common::CacheManager> cacheManager;
 
-    // Conservative builds: the cached groups of a redraw, nearest first.
+    // Conservative builds: the cached groups of a redraw, and the order to
+    // draw them in, nearest first (both kept for their capacity).
     struct DrawItem {
-        float nearest;  // the least clip w of the group's box
-        uint32_t index; // in the frame's cached list
         common::Matrix4x4 modelViewProjection;
         std::shared_ptr<common::OccluderGroup> group;
     };
-    std::vector<DrawItem> drawOrder; // kept for its capacity
+    struct DrawKey {
+        float nearest;  // the least clip w of the group's box
+        uint32_t index; // in drawItems, which follow the submission order
+    };
+    std::vector<DrawItem> drawItems;
+    std::vector<DrawKey> drawOrder;
 };
 
 // Visibility of one box from the two depth buffers, each consulted only when

@@ -947,8 +947,11 @@ bool Rasterizer::testBox(float4 boundsMin, float4 boundsMax, bool& needsClipping
     depth = uint16_t(std::min(unsigned(depth) + 2u, 65535u));
     // Conservative builds ask again, block by block, of a box the nearest
     // corner leaves visible, with how near its faces can be in each block.
+    // Not of a group's box before drawing it: on the city that cost more than
+    // the quads it saved.
     return query2D(unsigned(minX), unsigned(maxX), unsigned(minY), unsigned(maxY), depth) &&
-           testFaces(boundsMin, boundsMax, unsigned(minX), unsigned(maxX), unsigned(minY), unsigned(maxY), depth);
+           (withFraction ||
+            testFaces(boundsMin, boundsMax, unsigned(minX), unsigned(maxX), unsigned(minY), unsigned(maxY), depth));
 }
 
 void Rasterizer::screenMatrix(double (&screen)[4][4]) const {
