@@ -1,5 +1,6 @@
 #include "common/Occluder.h"
 
+#include <algorithm>
 #include <cfloat>
 
 namespace common {
@@ -67,6 +68,21 @@ std::shared_ptr<Occluder> Occluder::bake(const std::vector<float4>& vertices, fl
                 for (size_t component = 0; component < 3; ++component)
                     occluder->exactCorners[12 * b + 3 * corner + component] = c[component];
             }
+        }
+    }
+
+    if (ZELK_CONSERVATIVE) {
+        const float4 wOne = make4(0.0f, 0.0f, 0.0f, 1.0f);
+        const int4 xyz = makeInt4(-1, -1, -1, 0);
+        for (size_t first = 0; first < kept.size(); first += 4 * kClusterBatches) {
+            float4 lo = splat(INFINITY), hi = splat(-INFINITY);
+            for (size_t k = first; k < std::min(first + 4 * kClusterBatches, kept.size()); ++k)
+                for (size_t corner = 0; corner < 4; ++corner) {
+                    lo = min(lo, vertices[4 * size_t(kept[k]) + corner]);
+                    hi = max(hi, vertices[4 * size_t(kept[k]) + corner]);
+                }
+            occluder->clusterMin.push_back(select(xyz, lo, wOne));
+            occluder->clusterMax.push_back(select(xyz, hi, wOne));
         }
     }
 

@@ -23,6 +23,12 @@ struct Occluder {
     // packed grid moves edges and depths by up to half a step of the box, which
     // on a whole game level is several pixels near the camera.
     std::vector<float4> exactCorners;
+    // Conservative builds only: the box (w = 1) of each run of kClusterBatches
+    // batches, the last run possibly shorter. The baker orders a level's
+    // quads along a space-filling curve, so that a run is a compact piece of
+    // surface that can be culled whole.
+    static constexpr size_t kClusterBatches = 16;
+    std::vector<float4> clusterMin, clusterMax;
 
     // vertices: four per quad (a count that is not a multiple of four loses
     // its tail). Zero-area quads are dropped; a last partial batch repeats its

@@ -4,6 +4,7 @@
 #include "common/MeshReducer.h"
 #include "common/QuadDecomposition.h"
 
+#include <algorithm>
 #include <cmath>
 
 namespace common {
@@ -15,6 +16,51 @@ namespace {
 constexpr float kMinReducedVertices = 300.0f;
 // Whole batches of four quads for the packer.
 constexpr size_t kBatchIndices = 16;
+
+// Spreads the low 10 bits of v to every third bit.
+uint32_t spread(uint32_t v) {
+    v &= 0x3FF;
+    v = (v | (v << 16)) & 0x030000FF;
+    v = (v | (v << 8)) & 0x0300F00F;
+    v = (v | (v << 4)) & 0x030C30C3;
+    return (v | (v << 2)) & 0x09249249;
+}
+
+// Orders the quads (four indices each) by the Morton code of their centres
+// in the mesh's box, so that runs of consecutive quads are compact pieces of
+// surface (the rasteriser culls such runs whole). Stable: equal codes keep
+// their order. A non-finite centre sorts last.
+void orderAlongCurve(std::vector<uint32_t>& quads, const std::vector<float4>& vertices) {
+    const size_t count = quads.size() / 4;
+    if (count < 2 || vertices.empty()) return;
+    float4 lo = splat(INFINITY), hi = splat(-INFINITY);
+    for (const float4& v : vertices) {
+        lo = min(lo, v);
+        hi = max(hi, v);
+    }
+    const float4 scale = splat(1023.0f) / max(hi - lo, splat(1e-30f));
+    std::vector<std::pair<uint32_t, uint32_t>> keys(count); // code, quad
+    for (size_t q = 0; q < count; ++q) {
+        float4 centre = zero4();
+        for (size_t k = 0; k < 4; ++k) centre = centre + vertices[quads[4 * q + k]];
+        const float4 cell = (centre * splat(0.25f) - lo) * scale;
+        uint32_t code = 0xFFFFFFFFu;
+        if (allTrue(cmpEq(cell - cell, zero4()))) { // finite
+            const int4 c = truncToInt(max(min(cell, splat(1023.0f)), zero4()));
+            code = spread(uint32_t(lane<0>(c))) | spread(uint32_t(lane<1>(c))) << 1 | spread(uint32_t(lane<2>(c))) << 2;
+        }
+        keys[q] = {code, uint32_t(q)};
+    }
+    std::stable_sort(keys.begin(), keys.end(),
+                     [](const std::pair<uint32_t, uint32_t>& a, const std::pair<uint32_t, uint32_t>& b) {
+                         return a.first < b.first;
+                     });
+    std::vector<uint32_t> sorted(quads.size());
+    for (size_t q = 0; q < count; ++q)
+        std::copy(quads.begin() + std::ptrdiff_t(4 * keys[q].second),
+                  quads.begin() + std::ptrdiff_t(4 * keys[q].second + 4), sorted.begin() + std::ptrdiff_t(4 * q));
+    quads.swap(sorted);
+}
 
 } // namespace
 
@@ -66,6 +112,7 @@ std::shared_ptr<Occluder> OccluderBaker::bakeLevel(const std::vector<float4>& ve
                                                    const std::vector<uint32_t>& indices,
                                                    std::vector<float4>& expanded) {
     std::vector<uint32_t> quads = QuadDecomposition::decompose(indices, vertices);
+    if (ZELK_CONSERVATIVE) orderAlongCurve(quads, vertices);
     if (!quads.empty()) quads.resize((quads.size() + kBatchIndices - 1) / kBatchIndices * kBatchIndices, quads[0]);
 
     float4 lo = zero4(), hi = zero4();

@@ -4,6 +4,7 @@
 #include "util/BoxDepthBound.h"
 #include "util/ClippedBox.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -414,93 +415,129 @@ template <bool possiblyNearClipped> void Rasterizer::rasterize(const Occluder& o
     };
 
     const size_t batches = occluder.packedVertices.size() / 4;
-    for (size_t b = 0; b < batches; ++b) {
-        float4 h[4][4]; // component (x*w, y*w, D*w, w), corner
-        int4 inFront = splatInt(-1);
-        for (int k = 0; k < 4; ++k) {
-            if (ZELK_CONSERVATIVE && occluder.exactCorners.size() == 3 * occluder.packedVertices.size()) {
-                const float4* corner = &occluder.exactCorners[12 * b + 3 * size_t(k)];
-                for (int c = 0; c < 4; ++c)
-                    h[c][k] = ((corner[0] * s[c][0] + corner[1] * s[c][1]) + corner[2] * s[c][2]) + s[c][3];
-            } else {
-                const int4 word = occluder.packedVertices[4 * b + size_t(k)];
-                const float4 qx = toFloat(shiftRightLogical<21>(word));
-                const float4 qy = toFloat(shiftRightLogical<10>(word) & splatInt(2047));
-                const float4 qz = toFloat(word & splatInt(1023));
-                for (int c = 0; c < 4; ++c) h[c][k] = ((qx * m[c][0] + qy * m[c][1]) + qz * m[c][2]) + m[c][3];
-            }
-            // Behind the near plane (w + z >= 0, that is 2 s w >= D w) and w > 0.
-            inFront = inFront & cmpGe(twoS * h[3][k], h[2][k]) & cmpGt(h[3][k], zero4());
-        }
-        ScreenBatch batch;
-        for (int k = 0; k < 4; ++k) {
-            // For lanes in front the clamp changes nothing; it keeps the others' reciprocals finite.
-            const float4 w = possiblyNearClipped ? max(abs(h[3][k]), minW) : h[3][k];
-            // Exact coverage snaps the corners: a correctly rounded reciprocal
-            // gives every vector backend the same grid points.
-            const float4 r = ZELK_CONSERVATIVE ? splat(1.0f) / w : rcp(w);
-            batch.x[k] = h[0][k] * r;
-            batch.y[k] = h[1][k] * r;
-            batch.d[k] = h[2][k] * r;
-        }
-        batch.valid = inFront;
-        if (ZELK_CONSERVATIVE) {
-            // Quads reaching past the guard band (NaN included) are clipped to it.
-            for (int k = 0; k < 4; ++k)
-                batch.valid =
-                    batch.valid & cmpLe(abs(batch.x[k] - guardX), guard) & cmpLe(abs(batch.y[k] - guardY), guard);
-        }
-        const unsigned direct = signMask(batch.valid);
-        if (direct != 0) drawBatch(batch);
-        if (direct == 0xF) continue;
-
-        alignas(16) float lanes[4][4][4]; // component, corner, lane
-        for (int c = 0; c < 4; ++c)
-            for (int k = 0; k < 4; ++k) store4(lanes[c][k], h[c][k]);
-        for (int j = 0; j < 4; ++j) {
-            if (direct & (1u << j)) continue;
-            if (ZELK_CONSERVATIVE) {
-                float corners[4][4];
-                for (int k = 0; k < 4; ++k)
-                    for (int c = 0; c < 4; ++c) corners[k][c] = lanes[c][k][j];
-                clipTriangle(corners[0], corners[1], corners[2]);
-                clipTriangle(corners[0], corners[2], corners[3]);
-                continue;
-            }
-            // Sutherland-Hodgman against the near plane in homogeneous space.
-            // A quad that is not flat can cross it four times (corners alternately
-            // in front and behind), leaving six vertices.
-            float out[6][4];
-            int n = 0;
+    const auto drawBatches = [&](size_t first, size_t last) {
+        for (size_t b = first; b < last; ++b) {
+            float4 h[4][4]; // component (x*w, y*w, D*w, w), corner
+            int4 inFront = splatInt(-1);
             for (int k = 0; k < 4; ++k) {
-                const int k1 = (k + 1) & 3;
-                const float a[4] = {lanes[0][k][j], lanes[1][k][j], lanes[2][k][j], lanes[3][k][j]};
-                const float b1[4] = {lanes[0][k1][j], lanes[1][k1][j], lanes[2][k1][j], lanes[3][k1][j]};
-                const float da = 2.0f * depthScale() * a[3] - a[2], db = 2.0f * depthScale() * b1[3] - b1[2];
-                if (da >= 0.0f) std::memcpy(out[n++], a, sizeof(a));
-                if ((da >= 0.0f) != (db >= 0.0f)) {
-                    const float s = da / (da - db);
-                    for (int c = 0; c < 4; ++c) out[n][c] = a[c] + s * (b1[c] - a[c]);
-                    ++n;
+                if (ZELK_CONSERVATIVE && occluder.exactCorners.size() == 3 * occluder.packedVertices.size()) {
+                    const float4* corner = &occluder.exactCorners[12 * b + 3 * size_t(k)];
+                    for (int c = 0; c < 4; ++c)
+                        h[c][k] = ((corner[0] * s[c][0] + corner[1] * s[c][1]) + corner[2] * s[c][2]) + s[c][3];
+                } else {
+                    const int4 word = occluder.packedVertices[4 * b + size_t(k)];
+                    const float4 qx = toFloat(shiftRightLogical<21>(word));
+                    const float4 qy = toFloat(shiftRightLogical<10>(word) & splatInt(2047));
+                    const float4 qz = toFloat(word & splatInt(1023));
+                    for (int c = 0; c < 4; ++c) h[c][k] = ((qx * m[c][0] + qy * m[c][1]) + qz * m[c][2]) + m[c][3];
                 }
+                // Behind the near plane (w + z >= 0, that is 2 s w >= D w) and w > 0.
+                inFront = inFront & cmpGe(twoS * h[3][k], h[2][k]) & cmpGt(h[3][k], zero4());
             }
-            if (n < 3) continue;
-            float v[6][3];
-            bool usable = true;
-            for (int i = 0; i < n; ++i) {
-                const float w = out[i][3];
-                usable = usable && w > 0.0f && std::isfinite(out[i][0]) && std::isfinite(out[i][1]) &&
-                         std::isfinite(out[i][2]) && std::isfinite(w);
-                for (int c = 0; c < 3; ++c) v[i][c] = out[i][c] / w;
+            ScreenBatch batch;
+            for (int k = 0; k < 4; ++k) {
+                // For lanes in front the clamp changes nothing; it keeps the others' reciprocals finite.
+                const float4 w = possiblyNearClipped ? max(abs(h[3][k]), minW) : h[3][k];
+                // Exact coverage snaps the corners: a correctly rounded reciprocal
+                // gives every vector backend the same grid points.
+                const float4 r = ZELK_CONSERVATIVE ? splat(1.0f) / w : rcp(w);
+                batch.x[k] = h[0][k] * r;
+                batch.y[k] = h[1][k] * r;
+                batch.d[k] = h[2][k] * r;
             }
-            if (!usable) continue;
-            if (n == 3) emit(v, 0, 1, 2, 2);
-            if (n >= 4) emit(v, 0, 1, 2, 3);
-            if (n == 5) emit(v, 0, 3, 4, 4);
-            if (n == 6) emit(v, 0, 3, 4, 5);
+            batch.valid = inFront;
+            if (ZELK_CONSERVATIVE) {
+                // Quads reaching past the guard band (NaN included) are clipped to it.
+                for (int k = 0; k < 4; ++k)
+                    batch.valid =
+                        batch.valid & cmpLe(abs(batch.x[k] - guardX), guard) & cmpLe(abs(batch.y[k] - guardY), guard);
+            }
+            const unsigned direct = signMask(batch.valid);
+            if (direct != 0) drawBatch(batch);
+            if (direct == 0xF) continue;
+
+            alignas(16) float lanes[4][4][4]; // component, corner, lane
+            for (int c = 0; c < 4; ++c)
+                for (int k = 0; k < 4; ++k) store4(lanes[c][k], h[c][k]);
+            for (int j = 0; j < 4; ++j) {
+                if (direct & (1u << j)) continue;
+                if (ZELK_CONSERVATIVE) {
+                    float corners[4][4];
+                    for (int k = 0; k < 4; ++k)
+                        for (int c = 0; c < 4; ++c) corners[k][c] = lanes[c][k][j];
+                    clipTriangle(corners[0], corners[1], corners[2]);
+                    clipTriangle(corners[0], corners[2], corners[3]);
+                    continue;
+                }
+                // Sutherland-Hodgman against the near plane in homogeneous space.
+                // A quad that is not flat can cross it four times (corners alternately
+                // in front and behind), leaving six vertices.
+                float out[6][4];
+                int n = 0;
+                for (int k = 0; k < 4; ++k) {
+                    const int k1 = (k + 1) & 3;
+                    const float a[4] = {lanes[0][k][j], lanes[1][k][j], lanes[2][k][j], lanes[3][k][j]};
+                    const float b1[4] = {lanes[0][k1][j], lanes[1][k1][j], lanes[2][k1][j], lanes[3][k1][j]};
+                    const float da = 2.0f * depthScale() * a[3] - a[2], db = 2.0f * depthScale() * b1[3] - b1[2];
+                    if (da >= 0.0f) std::memcpy(out[n++], a, sizeof(a));
+                    if ((da >= 0.0f) != (db >= 0.0f)) {
+                        const float s = da / (da - db);
+                        for (int c = 0; c < 4; ++c) out[n][c] = a[c] + s * (b1[c] - a[c]);
+                        ++n;
+                    }
+                }
+                if (n < 3) continue;
+                float v[6][3];
+                bool usable = true;
+                for (int i = 0; i < n; ++i) {
+                    const float w = out[i][3];
+                    usable = usable && w > 0.0f && std::isfinite(out[i][0]) && std::isfinite(out[i][1]) &&
+                             std::isfinite(out[i][2]) && std::isfinite(w);
+                    for (int c = 0; c < 3; ++c) v[i][c] = out[i][c] / w;
+                }
+                if (!usable) continue;
+                if (n == 3) emit(v, 0, 1, 2, 2);
+                if (n >= 4) emit(v, 0, 1, 2, 3);
+                if (n == 5) emit(v, 0, 3, 4, 4);
+                if (n == 6) emit(v, 0, 3, 4, 5);
+            }
         }
+    };
+
+    const size_t clusters = occluder.clusterMin.size();
+    if (!ZELK_CONSERVATIVE || clusters == 0 || occluder.clusterMax.size() != clusters ||
+        clusters != (batches + Occluder::kClusterBatches - 1) / Occluder::kClusterBatches) {
+        drawBatches(0, batches);
+        flushPending();
+        return;
     }
-    flushPending();
+    // Conservative builds draw a level's clusters nearest first and skip
+    // those whose box is off screen or already hidden: the buffer keeps each
+    // pixel's nearest code and a skipped cluster could change none, so this
+    // changes no pixel of the result.
+    clusterOrder.clear();
+    const float4 wRow = make4(lane<0>(screenSplat[3][0]), lane<0>(screenSplat[3][1]), lane<0>(screenSplat[3][2]), 0.0f);
+    const float wOrigin = lane<0>(screenSplat[3][3]);
+    for (size_t c = 0; c < clusters; ++c) {
+        const float4 centre = (occluder.clusterMin[c] + occluder.clusterMax[c]) * splat(0.5f);
+        const float4 half = (occluder.clusterMax[c] - occluder.clusterMin[c]) * splat(0.5f);
+        float nearest = dot3(wRow, centre) + wOrigin - dot3(abs(wRow), half);
+        if (std::isnan(nearest)) nearest = -INFINITY;
+        clusterOrder.push_back({nearest, uint32_t(c)});
+    }
+    std::sort(clusterOrder.begin(), clusterOrder.end(), [](const ClusterKey& a, const ClusterKey& b) {
+        return a.nearest < b.nearest || (a.nearest == b.nearest && a.index < b.index);
+    });
+    for (const ClusterKey& key : clusterOrder) {
+        bool needsClipping = false;
+        float screenFraction = 0.0f;
+        if (!testBox<false>(occluder.clusterMin[key.index], occluder.clusterMax[key.index], needsClipping,
+                            screenFraction))
+            continue;
+        const size_t first = size_t(key.index) * Occluder::kClusterBatches;
+        drawBatches(first, std::min(first + Occluder::kClusterBatches, batches));
+        flushPending(); // clipped pieces count for the clusters behind
+    }
 }
 
 template void Rasterizer::rasterize<false>(const Occluder&);

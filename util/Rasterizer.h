@@ -105,6 +105,13 @@ private:
 
     // screenColumns element by element, each in all four lanes: [component][column].
     common::float4 screenSplat[4][4];
+
+    // Conservative builds: a level's clusters in drawing order (kept for its capacity).
+    struct ClusterKey {
+        float nearest;  // the least clip w of the cluster's box
+        uint32_t index; // the cluster
+    };
+    std::vector<ClusterKey> clusterOrder;
 };
 
 } // namespace util
