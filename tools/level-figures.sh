@@ -4,7 +4,8 @@
 # and prints, per level and over all of them, false occlusions, hidden boxes
 # culled (on screen and overall) and the median moving-camera frame (render
 # and query), then that frame against the all-raw one on the same cameras
-# (every mesh submitted as deforming, timed without the reference).
+# (every mesh submitted as deforming, timed without the reference) and the
+# frame with the level submitted twice, side by side.
 #   tools/level-figures.sh [frames] [levels...]
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -24,6 +25,8 @@ for size in 320x192 640x360; do
       --json --no-reference >"$out/$level-$size-timed.json"
     ./build/demo/tools/zelk-demo --level "$level" --width "${size%x*}" --height "${size#*x}" --frames "$frames" \
       --json --no-reference --all-raw >"$out/$level-$size-raw.json"
+    ./build/demo/tools/zelk-demo --level "$level" --width "${size%x*}" --height "${size#*x}" --frames "$frames" \
+      --json --no-reference --copies 2 >"$out/$level-$size-twice.json"
   done
 done
 python3 - "$out" "${levels[@]}" <<'PY'
@@ -49,14 +52,17 @@ for size in ("320x192", "640x360"):
         f, s, hc, h, ac, a = total[m]
         print(f"all levels, {m}: {f} false ({s} severe), culled on screen {hc / max(h, 1):.3f}, overall {ac / max(a, 1):.3f}")
     # Timed without the reference, beside the same cameras all raw, each build against its own raw frame.
-    print(f"\n{size}: moving frame, render + query ms (median): baked | all raw | baked / all raw; conservative / default")
+    print(f"\n{size}: moving frame, render + query ms (median): baked | all raw | baked / all raw | level twice / once;"
+          " conservative / default")
     for level in levels:
         baked = json.load(open(os.path.join(out, f"{level}-{size}-timed.json")))
         raw = json.load(open(os.path.join(out, f"{level}-{size}-raw.json")))
+        twice = json.load(open(os.path.join(out, f"{level}-{size}-twice.json")))
         frame = lambda d, m: sum(d[m]["timings_ms"]["warm"][p]["median"] for p in ("render", "query"))
         row = [f"{level:10}"]
         for m in modes:
-            row.append(f"{m[:4]} {frame(baked, m):.3f} {frame(raw, m):.3f} {frame(baked, m) / frame(raw, m):.2f}")
+            row.append(f"{m[:4]} {frame(baked, m):.3f} {frame(raw, m):.3f} {frame(baked, m) / frame(raw, m):.2f} "
+                       f"{frame(twice, m) / frame(baked, m):.2f}")
         row.append(f"{frame(baked, 'conservative') / frame(baked, 'default'):.2f}")
         print(" | ".join(row))
 PY

@@ -59,6 +59,7 @@ struct Options {
     uint32_t seed = 7;
     float cell = 0.0f;
     double bakeWait = 60.0; // seconds
+    int copies = 1;
     std::string model, level, pngDir, mode = "both";
     bool json = false, noReference = false, listFalse = false, allRaw = false;
 };
@@ -644,6 +645,7 @@ std::vector<std::string> siblingArgs(const Options& o) {
     if (o.noReference) a.push_back("--no-reference");
     if (o.listFalse) a.push_back("--list-false");
     if (o.allRaw) a.push_back("--all-raw");
+    a.insert(a.end(), {"--copies", std::to_string(o.copies)});
     return a;
 }
 
@@ -778,6 +780,10 @@ int main(int argc, char** argv) {
     app.add_flag("--all-raw", o.allRaw,
                  "submit every mesh as deforming, so that nothing is baked and every frame is drawn raw (the frame "
                  "that baking is measured against)");
+    app.add_option("--copies", o.copies,
+                   "submit the scene this many times side by side along x (the same meshes, other model matrices); "
+                   "boxes and camera stay with the first")
+        ->check(CLI::Range(1, 16));
     app.add_flag("--json", o.json, "print one JSON object instead of the table");
     app.add_flag("--no-reference", o.noReference, "skip the exact reference (for timing runs)");
     app.add_flag("--list-false", o.listFalse, "print every false occlusion (frame, box, pixels) on stderr");
@@ -808,6 +814,23 @@ int main(int argc, char** argv) {
     if (o.pngFrame < 0) o.pngFrame = o.frames / 2;
     if (o.allRaw)
         for (demo::Mesh& m : scene.meshes) m.rigid = false;
+    if (o.copies > 1) {
+        // The scene again beside itself along x, as a second level loaded next
+        // to the first: the same meshes under other model matrices.
+        float lo = INFINITY, hi = -INFINITY;
+        for (const demo::Instance& in : scene.instances)
+            for (size_t v = 0; v < scene.meshes[in.mesh].vertices.size(); v += 3) {
+                const float x = scene.meshes[in.mesh].vertices[v];
+                lo = std::min(lo, in.model[0] * x + in.model[12]);
+                hi = std::max(hi, in.model[0] * x + in.model[12]);
+            }
+        const size_t original = scene.instances.size();
+        for (int c = 1; c < o.copies; ++c)
+            for (size_t i = 0; i < original; ++i)
+                scene.instances.push_back({scene.instances[i].mesh,
+                                           demo::multiply(demo::translation(float(c) * (hi - lo + 64.0f), 0.0f, 0.0f),
+                                                          scene.instances[i].model)});
+    }
 
     RunInfo info;
     info.scene = scene.name;
