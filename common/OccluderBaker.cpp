@@ -57,8 +57,7 @@ void orderAlongCurve(std::vector<uint32_t>& quads, const std::vector<float4>& ve
                      });
     std::vector<uint32_t> sorted(quads.size());
     for (size_t q = 0; q < count; ++q)
-        std::copy(quads.begin() + std::ptrdiff_t(4 * keys[q].second),
-                  quads.begin() + std::ptrdiff_t(4 * keys[q].second + 4), sorted.begin() + std::ptrdiff_t(4 * q));
+        for (size_t k = 0; k < 4; ++k) sorted[4 * q + k] = quads[4 * size_t(keys[q].second) + k];
     quads.swap(sorted);
 }
 
