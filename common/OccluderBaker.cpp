@@ -28,8 +28,8 @@ uint32_t spread(uint32_t v) {
 
 // Orders the quads (four indices each) by the Morton code of their centres
 // in the mesh's box, so that runs of consecutive quads are compact pieces of
-// surface (the rasteriser culls such runs whole). Stable: equal codes keep
-// their order. A non-finite centre sorts last.
+// surface (the rasteriser culls such runs whole). Equal codes keep their
+// order. A non-finite centre sorts last.
 void orderAlongCurve(std::vector<uint32_t>& quads, const std::vector<float4>& vertices) {
     const size_t count = quads.size() / 4;
     if (count < 2 || vertices.empty()) return;
@@ -51,10 +51,7 @@ void orderAlongCurve(std::vector<uint32_t>& quads, const std::vector<float4>& ve
         }
         keys[q] = {code, uint32_t(q)};
     }
-    std::stable_sort(keys.begin(), keys.end(),
-                     [](const std::pair<uint32_t, uint32_t>& a, const std::pair<uint32_t, uint32_t>& b) {
-                         return a.first < b.first;
-                     });
+    std::sort(keys.begin(), keys.end()); // code, then the quad's place: stable
     std::vector<uint32_t> sorted(quads.size());
     for (size_t q = 0; q < count; ++q)
         for (size_t k = 0; k < 4; ++k) sorted[4 * q + k] = quads[4 * size_t(keys[q].second) + k];

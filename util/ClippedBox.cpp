@@ -11,8 +11,10 @@ namespace {
 // (x w, y w, D w, w)
 using Point = double[4];
 
-constexpr int kPlanes = 5;         // the near plane, then left, right, bottom, top
-constexpr int kMaxPolygon = 4 + 5; // a quad gains at most one corner per plane
+constexpr int kPlanes = 5; // the near plane, then left, right, bottom, top
+// A quad gains at most one corner per plane; rounding can only add more for
+// slivers, which are then left undecided (visible).
+constexpr int kMaxPolygon = 16;
 
 double distance(const Point& p, int plane, double width, double height, double nearDepth) {
     switch (plane) {
@@ -99,6 +101,7 @@ ClippedBox ClippedBox::clip(const double (&screen)[4][4], double width, double h
             bool* outNear = onNear[(plane + 1) & 1];
             int m = 0;
             for (int i = 0; i < n; ++i) {
+                if (m + 2 > kMaxPolygon) return result;
                 const int j = i + 1 < n ? i + 1 : 0;
                 const double da = distance(in[i], plane, width, height, nearDepth);
                 const double db = distance(in[j], plane, width, height, nearDepth);
