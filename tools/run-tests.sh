@@ -5,7 +5,7 @@
 # sanitizers, thread sanitizer, AArch64 NEON under qemu, the conservative
 # build on the three vector backends (on scalar and AArch64 only the tests
 # labelled rasteriser and engine, which it changes), and each fuzz target for
-# ZELK_FUZZ_SECONDS (default 40, which keeps the whole run under half an hour on 2 cores). Pass names to run a subset, e.g.
+# ZELK_FUZZ_SECONDS (default 30, which keeps the whole run under half an hour on 2 cores). Pass names to run a subset, e.g.
 # tools/run-tests.sh release fuzz.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -83,7 +83,7 @@ export CMAKE_BUILD_PARALLEL_LEVEL=$jobs CTEST_PARALLEL_LEVEL=$jobs
 for preset in "${presets[@]}"; do
   echo "=== $preset ==="
   if [ "$preset" = fuzz ]; then
-    tools/run-fuzz.sh "${ZELK_FUZZ_SECONDS:-40}"
+    tools/run-fuzz.sh "${ZELK_FUZZ_SECONDS:-30}"
     continue
   fi
   workflow "$preset"

@@ -708,6 +708,18 @@ void Rasterizer::drawBatchExact(const ScreenBatch& q) {
         fx[k] = toFloat(ix);
         fy[k] = toFloat(iy);
     }
+    {
+        // A quad whose triangles (c0 c1 c2) and (c0 c2 c3) both turn
+        // counter-clockwise faces away and draws nothing (see below): four at a
+        // time here, by a margin above the products' rounding (the grid
+        // differences are exact, each product is rounded once).
+        const float4 dx1 = fx[1] - fx[0], dy1 = fy[1] - fy[0], dx2 = fx[2] - fx[0], dy2 = fy[2] - fy[0];
+        const float4 dx3 = fx[3] - fx[0], dy3 = fy[3] - fy[0];
+        const float4 p1 = dx1 * dy2, q1 = dy1 * dx2, p2 = dx2 * dy3, q2 = dy2 * dx3;
+        const float4 margin = splat(1.0f / 1048576.0f);
+        const int4 away = cmpGt(p1 - q1, (abs(p1) + abs(q1)) * margin) & cmpGt(p2 - q2, (abs(p2) + abs(q2)) * margin);
+        usable = usable & ~away;
+    }
     const unsigned drawn = signMask(usable);
     if (drawn == 0) return;
     transpose(fx[0], fx[1], fx[2], fx[3]); // per quad, one lane per corner
